@@ -1,0 +1,41 @@
+// Nearest-hit queries: the ray/face tests of the three modes, clipping to the root
+// box and the two recursive tree traversals. Pure functions of their arguments and
+// the read-only tree; they allocate nothing and are called from every worker thread.
+// A ray is O + t D; D need not be normalised.
+#pragma once
+
+#include <cstdint>
+
+#include "geometry/BspTree.h"
+
+namespace hemiray {
+
+// num/den, or sgn(num) sgn(den) DBL_MAX where the quotient would overflow (sgn(0) = +1).
+[[nodiscard]] double safeDivide(double num, double den);
+
+// Real roots of a t^2 + b t + c = 0, ascending; returns how many (0, 1 or 2).
+int solveQuadratic(double a, double b, double c, double roots[2]);
+
+// Ray/face tests. t is written before the range checks, so it also holds a value
+// after a miss; tmin is not used (each test has its own lower threshold).
+bool intersectPolygon(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
+                      double tmin, double tmax, double& t);
+bool intersectSegment(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
+                      double tmin, double tmax, double& t);
+bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
+                   double tmin, double tmax, double& t);
+// Dispatches on faces.dimension: 1 cone, 2 segment, otherwise polygon.
+bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
+                   double tmin, double tmax, double& t);
+
+// Parameter interval of the ray inside the root box; false when it certainly misses.
+bool clipToRootBox(const BspNode& root, const Vec3& O, const Vec3& D, double& tEnter,
+                   double& tExit);
+
+// Nearest hit in [tmin, tmax]; hitPoint and hitFace are written only on a hit.
+bool traversePlanar(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                    int32_t& hitFace, double tmin, double tmax);
+bool traverseAxisymmetric(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                          int32_t& hitFace, double tmin, double tmax);
+
+}  // namespace hemiray

@@ -1,0 +1,26 @@
+// Reader of the parenthesised section sequence of the mesh text: dispatches each
+// section to its reader by identifier and consumes the rest up to its ")".
+#pragma once
+
+#include <cstdint>
+#include <istream>
+
+#include "input/MeshModel.h"
+
+namespace hemiray {
+
+// Called after an opening "(" was consumed: consumes characters up to and including
+// the matching ")". False when the stream fails first. Iterative, so nesting depth
+// costs no stack.
+[[nodiscard]] bool skipExpression(std::istream& input);
+
+// Prints "file i/o error: " + message on standard error and exits with status 1.
+[[noreturn]] void reportInputError(const char* message);
+
+// Reads sections until the input ends or a character other than "(" stands where a
+// section would open, then copies glob ids from allFaces into participatingFaces.
+// Malformed sections end the process through reportInputError.
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
+                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones);
+
+}  // namespace hemiray
