@@ -1,0 +1,214 @@
+// Writers of the view-factor file. The head sections repeat the mesh in the same
+// parenthesised syntax the input readers take, so the host gets its model back with
+// one sparse row per active glob appended. Floating-point format is left on the
+// stream on purpose: the parameter header sets it for the mesh sections that follow,
+// the row section header sets it for the rows; no other writer touches it.
+#include "output/ViewFactorWriter.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <iomanip>
+#include <limits>
+
+namespace hemiray {
+namespace {
+
+// Binary rows are raw little-endian int32 and IEEE float32; the arrays are copied
+// out of the staging buffers byte for byte.
+static_assert(std::endian::native == std::endian::little,
+              "binary rows are written from little-endian memory");
+static_assert(std::numeric_limits<float>::is_iec559 && sizeof(float) == 4,
+              "binary row values are IEEE single precision");
+
+// Staging buffers of the binary rows, so that each array leaves in one write.
+// Process-wide and never shrunk: sized by the first binary row to its width, grown
+// when a later row (a later run with more globs) is wider. Rows are written only
+// from the driver's thread, so they need no lock. Function-local statics are
+// destroyed at exit, so leak checkers stay quiet.
+struct BinaryRowStaging {
+    std::vector<int32_t> columns;
+    std::vector<float> values;
+};
+
+BinaryRowStaging& binaryRowStaging(size_t entriesNeeded) {
+    static BinaryRowStaging staging;
+    if (staging.columns.size() < entriesNeeded) {
+        staging.columns.resize(entriesNeeded);
+        staging.values.resize(entriesNeeded);
+    }
+    return staging;
+}
+
+bool writesGlobSection(int32_t zoneType) {
+    return zoneType != zoneTypeMirror && zoneType != zoneTypePeriodic &&
+           zoneType != zoneTypePeriodicShadow;
+}
+
+// Faces [first, last) of zone z in allFaces, cut to the faces that exist. The zone
+// table trusts its headers: a face section with lastIndex below firstIndex lowers
+// the running total, so a later zone's range can start below 0 or run past the
+// face set. Such a zone writes only the faces it really covers.
+struct FaceRange {
+    int32_t first;
+    int32_t last;
+};
+
+FaceRange zoneFaces(const ZoneTable& zones, int32_t z, int32_t faceCount) {
+    const int32_t first = std::clamp(zones.zoneFaceStart[z], 0, faceCount);
+    const int32_t last = std::clamp(zones.zoneFaceStart[z + 1], first, faceCount);
+    return {first, last};
+}
+
+void writeZoneHeader(std::ostream& out, int32_t sectionId, const ZoneTable& zones,
+                     int32_t z) {
+    out << '(' << sectionId << " (" << zones.zoneId[z] << ' ' << zones.zoneFirst[z] << ' '
+        << zones.zoneLast[z] << ' ' << zones.zoneType[z] << ' '
+        << zones.zoneElementType[z] << ')' << std::endl
+        << '(';
+}
+
+void writeComponents(std::ostream& out, const Vec3& v) {
+    out << v[0] << ' ' << v[1] << ' ' << v[2];
+}
+
+}  // namespace
+
+void writeFileHeader(std::ostream& out, int32_t size1, int32_t size2, int32_t size3,
+                     int32_t size4, int32_t dimension, const char* headerData,
+                     bool headerFlag) {
+    // A host that hands its mesh over in memory may have no header text at all;
+    // the comment section is then written empty rather than read through null.
+    out << '(' << (headerFlag ? "-1" : "0") << " \"" << (headerData ? headerData : "")
+        << "\")" << std::endl;
+    out << '(' << size1 << ' ' << size2 << ' ' << size3 << ' ' << size4 << ' '
+        << dimension << ')' << std::endl;
+}
+
+void writeParameterHeader(std::ostream& out, const RunParameters& p) {
+    // Stays set for the node coordinates and the periodic data written next.
+    out << std::scientific << std::setprecision(8);
+    out << '(' << p.param1 << ' ' << p.hemisphereResolution << ' ' << p.param3 << ' '
+        << p.param4 << std::endl;
+    out << p.param5 << ' ' << p.param6 << ' ' << p.param7 << std::endl;
+    out << p.param8 << ' ' << p.param9 << ' ' << p.param10 << std::endl;
+    out << p.param11 << ' ' << p.param12 << ' ' << p.param13 << ')' << std::endl;
+}
+
+void writeNodeSection(std::ostream& out, int32_t coordinateCount,
+                      const NodeArray& nodes) {
+    // The node header is hexadecimal in the input syntax; its last field stays 3
+    // whatever the coordinate count, as the host expects.
+    out << '(' << 10 << " (1 1 " << std::hex << nodes.size() << std::dec << " 1 "
+        << "3" << ')' << std::endl;
+    // A node holds three coordinates; a larger count from a host block writes those
+    // three rather than reading past them.
+    const int d = std::clamp(coordinateCount, 0, 3);
+    out << '(';
+    for (const Vec3& node : nodes) {
+        out << std::endl;
+        for (int i = 0; i < d; ++i) {
+            if (i > 0) out << ' ';
+            out << node[i];
+        }
+    }
+    out << "))" << std::endl;
+}
+
+void writeFaceSections(std::ostream& out, const ZoneTable& zones,
+                       const FaceSet& allFaces) {
+    const int32_t faceCount = std::max(allFaces.faceCount(), 0);
+    for (int32_t z = 0; z < zones.zoneCount(); ++z) {
+        writeZoneHeader(out, 311, zones, z);
+        const bool countedFaces =
+            zones.zoneElementType[z] == 0 || zones.zoneElementType[z] == 5;
+        const auto [first, last] = zoneFaces(zones, z, faceCount);
+        for (int32_t f = first; f < last; ++f) {
+            const int32_t begin = allFaces.faceNodeStart[f];
+            const int32_t end = allFaces.faceNodeStart[f + 1];
+            out << std::endl << ' ';
+            // A face without nodes keeps its place in a counted zone as "-1".
+            if (countedFaces) out << (end - begin > 0 ? end - begin : -1);
+            for (int32_t k = begin; k < end; ++k)
+                out << ' ' << static_cast<int64_t>(allFaces.faceNodes[k]) + 1;
+        }
+        out << "))" << std::endl;
+    }
+}
+
+void writeGlobSections(std::ostream& out, const ZoneTable& zones,
+                       const FaceSet& allFaces) {
+    const auto faceCount = static_cast<int32_t>(std::min<size_t>(
+        allFaces.faceGlob.size(), static_cast<size_t>(allFaces.faceCount())));
+    for (int32_t z = 0; z < zones.zoneCount(); ++z) {
+        if (!writesGlobSection(zones.zoneType[z])) continue;
+        writeZoneHeader(out, 309, zones, z);
+        const auto [first, last] = zoneFaces(zones, z, faceCount);
+        for (int32_t f = first; f < last; ++f)
+            out << std::endl << "  " << allFaces.faceGlob[f];
+        out << "))" << std::endl;
+    }
+}
+
+void writePeriodicSections(std::ostream& out, const ZoneTable& zones) {
+    for (int32_t z = 0; z < zones.zoneCount(); ++z) {
+        if (zones.zoneType[z] != zoneTypePeriodic) continue;
+        // Only the zone named first in a periodic section knows its shadow. A 2012
+        // zone that was only ever named as a shadow, or never paired, has none; it
+        // names itself, an identifier that exists, so the file still reads back.
+        const int32_t shadow = zones.periodicShadow[z];
+        const int32_t shadowId = shadow >= 0 && shadow < zones.zoneCount()
+                                     ? zones.zoneId[shadow]
+                                     : zones.zoneId[z];
+        out << '(' << 18 << " (" << zones.zoneId[z] << ' ' << shadowId << ")\n"
+            << zones.periodicType[z] << '\n';
+        if (zones.periodicType[z] != 0) {
+            // Rotational: the closing ")" follows on the same line.
+            out << zones.periodicAngle[z] << '\n';
+            writeComponents(out, zones.periodicAxisA[z]);
+            out << '\n';
+            writeComponents(out, zones.periodicAxisB[z]);
+        } else {
+            writeComponents(out, zones.periodicShift[z]);
+            out << '\n';
+        }
+        out << ')' << std::endl;
+    }
+}
+
+void writeRowSectionHeader(std::ostream& out, bool binaryOutput,
+                           const std::vector<int32_t>& activeGlobs) {
+    // Stays set for every row value that follows.
+    out << std::fixed << std::setprecision(6);
+    out << '(' << (binaryOutput ? "1308" : "308") << " (" << activeGlobs.size();
+    for (const int32_t glob : activeGlobs) out << ' ' << glob;
+    out << ')' << std::endl << '(';
+}
+
+void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row) {
+    const int32_t np = row.np;
+    out << np << ' ';
+    if (!binaryOutput) {
+        for (int32_t k = 0; k < np; ++k) out << row.columnAt(k) << ' ';
+        out << '\n';
+        for (int32_t k = 0; k < np; ++k) out << row.valueAt(row.columnAt(k)) << ' ';
+        out << '\n';
+        return;
+    }
+    out << '\n';
+    // np never exceeds the width on a sound row; a corrupt one must not overrun
+    // the buffers before columnAt's check stops it.
+    const size_t entries = np > 0 ? static_cast<size_t>(np) : 0;
+    BinaryRowStaging& staging = binaryRowStaging(std::max(row.w.size(), entries));
+    for (int32_t k = 0; k < np; ++k) {
+        const int32_t column = row.columnAt(k);
+        staging.columns[k] = column;
+        staging.values[k] = static_cast<float>(row.valueAt(column));
+    }
+    const auto bytes = static_cast<std::streamsize>(entries * 4);
+    out.write(reinterpret_cast<const char*>(staging.columns.data()), bytes);
+    out.write(reinterpret_cast<const char*>(staging.values.data()), bytes);
+    out << '\n';
+}
+
+}  // namespace hemiray
