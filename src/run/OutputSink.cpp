@@ -1,0 +1,140 @@
+// Plain and gzip result files, written beside the target and moved over it at the end.
+#include "run/OutputSink.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <pstreams/pstream.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "run/InputSource.h"
+
+namespace hemiray {
+
+namespace fs = std::filesystem;
+
+// A gzip that dies mid-run (a full disk) would turn our next write into SIGPIPE,
+// which ends the host process. Blocking the signal on this thread, the only one
+// that writes, turns it into a failed write instead; a signal raised meanwhile is
+// consumed before the mask is restored, so the host never sees it.
+struct OutputSink::PipeSignalGuard {
+    sigset_t pipeSet{};
+    sigset_t previousMask{};
+    bool wasPending = false;
+
+    PipeSignalGuard() {
+        sigemptyset(&pipeSet);
+        sigaddset(&pipeSet, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        wasPending = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeSet, &previousMask);
+    }
+    ~PipeSignalGuard() {
+        if (!wasPending) {
+            const timespec zero{0, 0};
+            while (sigtimedwait(&pipeSet, nullptr, &zero) == SIGPIPE) {
+            }
+        }
+        pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    }
+};
+
+namespace {
+
+// The file the name designates: a symbolic link is followed, so that the result
+// replaces the linked file and the link survives.
+std::string resolveTarget(const std::string& name) {
+    std::error_code ec;
+    if (fs::is_symlink(name, ec)) {
+        const fs::path resolved = fs::weakly_canonical(name, ec);
+        if (!ec) return resolved.string();
+    }
+    return name;
+}
+
+// A fresh file in the target's directory (so that the final move is a rename within
+// one file system), created exclusively so that nothing is clobbered. Its name does
+// not grow with the target's, which may already be as long as names can be.
+std::string createPartialFile(const std::string& target) {
+    const fs::path directory = fs::path(target).parent_path();
+    std::string pattern = (directory / ".hemiray-partial-XXXXXX").string();
+    const int fd = mkstemp(pattern.data());
+    if (fd < 0) return {};
+    close(fd);
+    return pattern;
+}
+
+}  // namespace
+
+OutputSink::OutputSink(const std::string& name, bool binary)
+    : target_(resolveTarget(name)), isPipe_(namesGzip(name)) {
+    // An existing result file we may not write stays unwritable for us, even though
+    // the directory would let us replace it.
+    if (access(target_.c_str(), F_OK) == 0 && access(target_.c_str(), W_OK) != 0) return;
+    partial_ = createPartialFile(target_);
+    if (partial_.empty()) return;
+
+    if (isPipe_) {
+        signalGuard_ = std::make_unique<PipeSignalGuard>();
+        // The file name reaches the redirection as a positional parameter: the shell
+        // expands "$1" without interpreting its characters.
+        auto pipe = std::make_unique<redi::opstream>();
+        pipe->open("sh", {"sh", "-c", "exec gzip -fc > \"$1\"", "hemiray-gzip", partial_},
+                   redi::pstreams::pstdin);
+        if (!pipe->is_open()) pipe->setstate(std::ios::failbit);
+        stream_ = std::move(pipe);
+    } else {
+        auto mode = std::ios::out | std::ios::trunc;
+        if (binary) mode |= std::ios::binary;
+        stream_ = std::make_unique<std::ofstream>(partial_, mode);
+    }
+}
+
+OutputSink::~OutputSink() {
+    stream_.reset();  // waits for gzip
+    signalGuard_.reset();
+    if (!committed_ && !partial_.empty()) std::remove(partial_.c_str());
+}
+
+bool OutputSink::ok() const { return stream_ && !stream_->fail(); }
+
+bool OutputSink::commit() {
+    if (!stream_) return false;
+    stream_->flush();
+    bool written = !stream_->fail();
+    if (isPipe_) {
+        auto& pipe = static_cast<redi::opstream&>(*stream_);
+        pipe.rdbuf()->peof();
+        pipe.close();
+        const int status = pipe.rdbuf()->status();
+        written = written && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    } else {
+        auto& file = static_cast<std::ofstream&>(*stream_);
+        file.close();
+        written = written && !file.fail();
+    }
+    stream_.reset();
+    signalGuard_.reset();
+    if (!written) return false;
+
+    // Keep the permissions of the file being replaced.
+    struct stat previous {};
+    if (stat(target_.c_str(), &previous) == 0) chmod(partial_.c_str(), previous.st_mode & 07777);
+    else {
+        const mode_t mask = umask(0);
+        umask(mask);
+        chmod(partial_.c_str(), 0666 & ~mask);
+    }
+    if (std::rename(partial_.c_str(), target_.c_str()) != 0) return false;
+    committed_ = true;
+    return true;
+}
+
+}  // namespace hemiray

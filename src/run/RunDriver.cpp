@@ -1,0 +1,117 @@
+// One run from input to result: clocks, worker slots, parameters, mesh, the
+// compute-and-write phase and the timing lines.
+#include "run/RunDriver.h"
+
+#include <ctime>
+#include <iostream>
+#include <omp.h>
+
+#include "input/MeshModel.h"
+#include "input/ParameterSection.h"
+#include "input/SectionReader.h"
+#include "run/ComputeAndWrite.h"
+#include "run/InputSource.h"
+
+namespace hemiray {
+
+namespace {
+
+// Direction counts grow with the square of the resolution: 2048 already means
+// 12.6 million directions per face. Anything above is a typo, not a request.
+constexpr int32_t maxHemisphereResolution = 2048;
+
+// Rows are as wide as the glob count and one is allocated per worker slot, so an
+// absurd count from a damaged size section would allocate gigabytes before the
+// first ray. A count beyond both the face count and a million is refused.
+constexpr int32_t globCountAllowance = 1 << 20;
+
+bool checkDimensionAndResolution(int32_t dimension, const RunParameters& parameters) {
+    if (dimension < 1 || dimension > 3) {
+        std::cerr << "error: dimension " << dimension
+                  << " in the size section is not 1 (axisymmetric), 2 (planar) or 3" << std::endl;
+        return false;
+    }
+    if (parameters.hemisphereResolution < 0 ||
+        parameters.hemisphereResolution > maxHemisphereResolution) {
+        std::cerr << "error: hemisphere resolution " << parameters.hemisphereResolution
+                  << " is outside 0 to " << maxHemisphereResolution << std::endl;
+        return false;
+    }
+    return true;
+}
+
+bool checkGlobCount(int32_t globCount, int32_t faceCount) {
+    if (globCount < 0 || (globCount > faceCount && globCount > globCountAllowance)) {
+        std::cerr << "error: glob count " << globCount << " in the size section does not fit "
+                  << faceCount << " faces" << std::endl;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string& outputName,
+                          const std::string& progressName, bool useOpenMP, bool binaryOutput,
+                          int32_t dimension, int32_t size1, int32_t size2, int32_t size3,
+                          int32_t size4, int32_t numThreads, bool readFromFile,
+                          const void* meshData, const char* headerData, bool headerFlag,
+                          bool directFields, int32_t /*reserved*/) {
+    const std::clock_t cpuStart = std::clock();
+    const double wallStart = static_cast<double>(std::time(nullptr));
+
+    RunSetup run;
+    run.outputName = outputName;
+    run.progressName = progressName;
+    run.binaryOutput = binaryOutput;
+    run.hdf5Output = namesHdf5(outputName);
+    run.numThreads = numThreads;
+    run.headerData = headerData;
+    run.headerFlag = headerFlag;
+
+    run.slotCount = useOpenMP ? omp_get_max_threads() : 1;
+    if (useOpenMP && run.slotCount > 1)
+        std::cout << "# Using OpenMP with " << run.slotCount << " process" << "es" << "..."
+                  << std::endl;
+
+    std::cout << "# Read parameter section..." << std::endl;
+    RunParameters parameters;
+    if (readFromFile) {
+        if (!readParameterSection(*input, parameters)) return false;
+    } else {
+        (void)meshData;
+        (void)directFields;
+        std::cerr << "error: in-memory input (readFromFile 0) is not supported by this build"
+                  << std::endl;
+        return false;
+    }
+    run.size1 = size1;
+    run.size2 = size2;
+    run.zoneCount = size3;
+    run.globCount = size4;
+    run.dimension = dimension;
+    // Axisymmetric meshes carry two coordinates per node, like planar ones.
+    run.nodeCoordinates = dimension == 3 ? 3 : 2;
+    if (!checkDimensionAndResolution(dimension, parameters)) return false;
+
+    NodeArray nodes;
+    FaceSet allFaces(dimension, nodes);
+    FaceSet participatingFaces(dimension, nodes);
+    ZoneTable zones(size3);
+    readMeshSections(*input, run.nodeCoordinates, nodes, allFaces, participatingFaces, zones);
+    // Closing the input here (or waiting for its decompressor) frees the name for
+    // the result. An HDF5 result has its own name, and the input stays open with it.
+    if (!run.hdf5Output) input.reset();
+
+    if (!checkGlobCount(run.globCount, allFaces.faceCount())) return false;
+    if (!computeAndWrite(run, parameters, nodes, allFaces, participatingFaces, zones)) return false;
+
+    const double cpuSeconds = static_cast<double>(std::clock()) / CLOCKS_PER_SEC -
+                              static_cast<double>(cpuStart) / CLOCKS_PER_SEC;
+    std::cout << "# CPU  time: " << cpuSeconds << " (s)" << std::endl;
+    std::cout << "# Wall time: " << static_cast<double>(std::time(nullptr)) - wallStart << " (s)"
+              << std::endl;
+    return true;
+}
+
+}  // namespace hemiray

@@ -1,0 +1,10 @@
+# Copies the model into a scratch folder (the library replaces it with the result)
+# and runs the C host on the copy.
+file(REMOVE_RECURSE ${WORK})
+file(MAKE_DIRECTORY ${WORK})
+file(COPY ${MODEL} DESTINATION ${WORK})
+get_filename_component(name ${MODEL} NAME)
+execute_process(COMMAND ${HOST} ${WORK}/${name} RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "C host failed with ${status}")
+endif()

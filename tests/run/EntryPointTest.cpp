@@ -1,0 +1,262 @@
+// The exported entry point: input selection by name, the size section, the failure
+// lines and results, compressed input and output, and repeated calls.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+
+#include "models/ExampleModels.h"
+#include "run/InputSource.h"
+#include "run/OutputSink.h"
+#include "support/RunHelpers.h"
+
+namespace hemiray {
+namespace {
+
+using testing::readFile;
+using testing::runLibrary;
+using testing::ScratchDir;
+using testing::writeFile;
+
+// A small planar model: rows need no random numbers, so results are reproducible.
+std::string planarModelText() {
+    models::Model model;
+    EXPECT_TRUE(models::makeExample("polygon", 1, 8, model));
+    std::ostringstream text;
+    models::writeModelText(text, model);
+    return text.str();
+}
+
+// Runs a shell command line built only from names the test chose itself.
+void shell(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
+
+TEST(InputNames, SubstringAnywhereSelectsTheDecompressor) {
+    EXPECT_TRUE(namesGzip("mesh.gz.old"));
+    EXPECT_TRUE(namesGzip("a.gz"));
+    EXPECT_FALSE(namesGzip("gz"));
+    EXPECT_FALSE(namesGzip("a.GZ"));
+    EXPECT_TRUE(namesCompress("a.Zip"));
+    EXPECT_FALSE(namesCompress("a.z"));
+    EXPECT_FALSE(namesCompress("Z"));
+    EXPECT_TRUE(namesGzip("x.gz.Z"));  // both: gzip is tested first
+    EXPECT_TRUE(namesHdf5("result.h5.tmp"));
+    EXPECT_FALSE(namesHdf5("h5"));
+}
+
+TEST(SizeSection, ReadsFiveValuesWithOptionalOneWordComment) {
+    SizeSection s;
+    std::istringstream commented("(0 grid) (10 20 3 400 3)");
+    ASSERT_TRUE(readSizeSection(commented, s));
+    EXPECT_EQ(s.size1, 10);
+    EXPECT_EQ(s.size2, 20);
+    EXPECT_EQ(s.zoneCount, 3);
+    EXPECT_EQ(s.globCount, 400);
+    EXPECT_EQ(s.dimension, 3);
+
+    std::istringstream extra("(12 20 3 400 3 7) (1 2)");
+    ASSERT_TRUE(readSizeSection(extra, s));
+    EXPECT_EQ(s.size1, 12);
+    EXPECT_EQ(s.dimension, 3);
+    char next = 0;
+    extra >> next;
+    EXPECT_EQ(next, '(');  // the trailing 7 went with the section, nothing more
+
+    std::istringstream twoWords("(0 my grid) (10 20 3 400 3)");
+    EXPECT_FALSE(readSizeSection(twoWords, s));
+    std::istringstream noParen("10 20 3 400 3)");
+    EXPECT_FALSE(readSizeSection(noParen, s));
+    std::istringstream truncated("(10 20 3");
+    EXPECT_FALSE(readSizeSection(truncated, s));
+    std::istringstream empty("");
+    EXPECT_FALSE(readSizeSection(empty, s));
+}
+
+TEST(EntryPoint, MissingFileFailsWithItsLine) {
+    ScratchDir dir;
+    for (const char* name : {"missing", "missing.gz", "missing.Z"}) {
+        const auto r = runLibrary(dir.file(name));
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(r.err, "error: couldn't open input file: " + dir.file(name) + "\n");
+        EXPECT_FALSE(std::filesystem::exists(dir.file(name)));
+    }
+}
+
+TEST(EntryPoint, MalformedSizeSectionFailsAndKeepsTheInput) {
+    ScratchDir dir;
+    for (const std::string text : {"", "(0 my grid) (1 2 3 4 3)", "garbage", "(1 2 3"}) {
+        writeFile(dir.file("m"), text);
+        const auto r = runLibrary(dir.file("m"));
+        EXPECT_EQ(r.result, 0) << text;
+        EXPECT_EQ(r.err, "error: reading size section!\n") << text;
+        EXPECT_EQ(readFile(dir.file("m")), text);
+    }
+}
+
+TEST(EntryPoint, UnreadableParameterSectionWritesNothing) {
+    ScratchDir dir;
+    const std::string text = "(0 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3";
+    writeFile(dir.file("m"), text);
+    const auto r = runLibrary(dir.file("m"));
+    EXPECT_EQ(r.result, 0);
+    EXPECT_EQ(r.out, "# Read parameter section...\n");
+    EXPECT_EQ(r.err, "error: couldn't calculate view factors!\n");
+    EXPECT_EQ(readFile(dir.file("m")), text);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(EntryPoint, ImplausibleRunValuesAreRefused) {
+    ScratchDir dir;
+    const std::string params = "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"(0 0 1 1 4)\n" + params, "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"},
+        {"(0 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", "error: hemisphere resolution -2 is outside 0 to 2048\n"},
+        {"(0 0 1 2000000000 2)\n" + params, "error: glob count 2000000000 in the size section does not fit 0 faces\n"},
+        {"(0 0 1 -1 2)\n" + params, "error: glob count -1 in the size section does not fit 0 faces\n"},
+    };
+    for (const auto& [text, line] : cases) {
+        writeFile(dir.file("m"), text);
+        const auto r = runLibrary(dir.file("m"));
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(r.err, line + "error: couldn't calculate view factors!\n");
+        EXPECT_EQ(readFile(dir.file("m")), text);
+    }
+}
+
+TEST(EntryPoint, ConsoleLinesOfASuccessfulRun) {
+    ScratchDir dir;
+    writeFile(dir.file("m"), planarModelText());
+    const auto r = runLibrary(dir.file("m"));
+    ASSERT_EQ(r.result, 1) << r.err;
+    EXPECT_EQ(r.err, "");
+    // 8 segments of the room and 4 of the pillar: 12 faces, so depth 1.2 log2 12 + 2 = 6;
+    // one slot, 12 blocks: block b prints k when b + 1 = (12 k) / 10.
+    EXPECT_EQ(testing::withoutTimings(r.out),
+              "# Read parameter section...\n"
+              "# Create BSP tree...\n"
+              "# Maximum tree depth = 6\n"
+              "# Calculate and write view factors...\n"
+              "#\t 10% done...\n#\t 20% done...\n#\t 30% done...\n#\t 40% done...\n"
+              "#\t 50% done...\n#\t 60% done...\n#\t 70% done...\n#\t 80% done...\n"
+              "#\t 90% done...\n"
+              "#\t100% done!\n");
+    EXPECT_NE(r.out.find("\n# CPU  time: "), std::string::npos);
+    EXPECT_NE(r.out.find(" (s)\n# Wall time: "), std::string::npos);
+}
+
+TEST(EntryPoint, RepeatedCallsPrintTheSameLinesAndWriteTheSameFile) {
+    ScratchDir dir;
+    writeFile(dir.file("a"), planarModelText());
+    writeFile(dir.file("b"), planarModelText());
+    const auto first = runLibrary(dir.file("a"));
+    const auto second = runLibrary(dir.file("b"));
+    ASSERT_EQ(first.result, 1);
+    ASSERT_EQ(second.result, 1);
+    EXPECT_EQ(testing::withoutTimings(first.out), testing::withoutTimings(second.out));
+    EXPECT_EQ(readFile(dir.file("a")), readFile(dir.file("b")));
+}
+
+TEST(EntryPoint, CompressedInputAndOutput) {
+    ScratchDir dir;
+    const std::string text = planarModelText();
+    writeFile(dir.file("plain"), text);
+    ASSERT_EQ(runLibrary(dir.file("plain")).result, 1);
+    const std::string expected = readFile(dir.file("plain"));
+
+    // gzip in, gzip out under exactly the same name, also with ".gz" inside the name.
+    for (const char* name : {"m.gz", "m.gz.old"}) {
+        writeFile(dir.file("src"), text);
+        shell("gzip -c " + dir.file("src") + " > " + dir.file(name));
+        const auto r = runLibrary(dir.file(name));
+        ASSERT_EQ(r.result, 1) << r.err;
+        shell("gzip -dc < " + dir.file(name) + " > " + dir.file("out"));
+        EXPECT_EQ(readFile(dir.file("out")), expected) << name;
+    }
+    // compress in (through zcat), plain text out.
+    writeFile(dir.file("src"), text);
+    shell("compress -c " + dir.file("src") + " > " + dir.file("m.Z"));
+    const auto r = runLibrary(dir.file("m.Z"));
+    ASSERT_EQ(r.result, 1) << r.err;
+    EXPECT_EQ(readFile(dir.file("m.Z")), expected);
+}
+
+TEST(EntryPoint, FileNamesAreNeverShellSyntax) {
+    ScratchDir dir;
+    const std::string text = planarModelText();
+    writeFile(dir.file("plain"), text);
+    ASSERT_EQ(runLibrary(dir.file("plain")).result, 1);
+    const std::string expected = readFile(dir.file("plain"));
+
+    // Each name would run "touch pwned" if it reached a shell unquoted.
+    const std::string names[] = {
+        "a \"$(touch pwned)\".gz", "b `touch pwned`; x.gz", "c;touch pwned;.gz",
+        "-d $HOME.gz", "e'$(touch pwned)'.Z",
+    };
+    for (const auto& name : names) {
+        writeFile(dir.file("src"), text);
+        const std::string compressor = name.find(".gz") != std::string::npos ? "gzip" : "compress";
+        std::filesystem::path target = dir.file(name);
+        ASSERT_EQ(std::system((compressor + " -c " + dir.file("src") + " > " + dir.file("tmp")).c_str()), 0);
+        std::filesystem::rename(dir.file("tmp"), target);
+        const auto r = runLibrary(target.string());
+        ASSERT_EQ(r.result, 1) << name << ": " << r.err;
+        if (compressor == "gzip") {
+            std::filesystem::copy_file(target, dir.file("check.gz"));
+            shell("gzip -d " + dir.file("check.gz"));
+            EXPECT_EQ(readFile(dir.file("check")), expected) << name;
+            std::filesystem::remove(dir.file("check"));
+        } else {
+            EXPECT_EQ(readFile(target.string()), expected) << name;
+        }
+        EXPECT_FALSE(std::filesystem::exists(dir.file("pwned")));
+        EXPECT_FALSE(std::filesystem::exists("pwned"));
+    }
+}
+
+TEST(OutputSink, UnopenableTargetFailsAndLeavesNothingBehind) {
+    ScratchDir dir;
+    OutputSink missingDir(dir.file("no/such/dir/out"), false);
+    EXPECT_FALSE(missingDir.ok());
+    OutputSink missingDirGzip(dir.file("no/such/dir/out.gz"), false);
+    EXPECT_FALSE(missingDirGzip.ok());
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);
+}
+
+TEST(OutputSink, TargetIsReplacedOnlyByACommit) {
+    ScratchDir dir;
+    for (const char* name : {"out", "out.gz"}) {
+        writeFile(dir.file(name), "user data");
+        {
+            OutputSink sink(dir.file(name), false);
+            ASSERT_TRUE(sink.ok());
+            sink.stream() << "half a result";
+            // Destroyed without commit, as when a run fails midway.
+        }
+        EXPECT_EQ(readFile(dir.file(name)), "user data");
+        {
+            OutputSink sink(dir.file(name), false);
+            ASSERT_TRUE(sink.ok());
+            sink.stream() << "whole result\n";
+            ASSERT_TRUE(sink.commit());
+        }
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}),
+                  name == std::string("out") ? 1 : 2);
+    }
+    EXPECT_EQ(readFile(dir.file("out")), "whole result\n");
+    shell("gzip -dc < " + dir.file("out.gz") + " > " + dir.file("plain"));
+    EXPECT_EQ(readFile(dir.file("plain")), "whole result\n");
+}
+
+TEST(OutputSink, SymbolicLinkIsFollowedAndKept) {
+    ScratchDir dir;
+    writeFile(dir.file("real"), "old");
+    std::filesystem::create_symlink(dir.file("real"), dir.file("link"));
+    OutputSink sink(dir.file("link"), false);
+    ASSERT_TRUE(sink.ok());
+    sink.stream() << "new";
+    ASSERT_TRUE(sink.commit());
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link")));
+    EXPECT_EQ(readFile(dir.file("real")), "new");
+}
+
+}  // namespace
+}  // namespace hemiray
