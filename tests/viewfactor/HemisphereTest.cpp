@@ -119,26 +119,30 @@ TEST(Hemisphere, WeightsArePositiveSumToOneAndPeakAtTheTopCentre) {
                 EXPECT_NEAR(std::abs(h.dirX(largestAt)), 1.0 / h.resolution, 1e-15);
                 EXPECT_NEAR(std::abs(h.dirY(largestAt)), 1.0 / h.resolution, 1e-15);
             } else {
-                EXPECT_NEAR(std::abs(h.dirX(largestAt)), std::sin(std::numbers::pi / (4 * res)),
-                            1e-15);
+                EXPECT_NEAR(std::abs(h.dirX(largestAt)),
+                            std::sin(std::numbers::pi / (4 * res)), 1e-15);
             }
         }
 }
 
 // The share of weight that falls inside a region of directions is the view factor
 // from a differential area to that region. Truths: the top face of the unit
-// half-cube (a 2x2 square at height 1) seen from its centre, Howell's catalogue
-// B-3 (differential area to a parallel rectangle, four corner pieces); a cone of
+// half-cube (a 2x2 square at height 1) seen from its centre, four corner pieces
+// of the differential area to a parallel rectangle (Howell's catalogue); a cone of
 // half-angle alpha about the normal gives sin^2(alpha). The cell-centre rule has
 // an O(h^2) error on the top face: measured 6.2e-5 at R = 50 and 1.5e-5 at R = 100,
-// so the bound is 1e-4 (50/R)^2; an unweighted or unnormalised set is off by 0.1
-// or more. The cone's edge cuts cells, an O(h) error that is irregular in R
-// (measured 2.1e-3 at 50, 2.5e-4 at 100): bounded by 3e-3.
+// so the bound is 1e-4 (50/R)^2; cells with a wrong weight law are off by 0.1 or
+// more (the normalisation is checked by the sum above). The cone's edge cuts
+// cells, an O(h) error that is irregular in R (measured 2.1e-3 at 50, 2.5e-4 at
+// 100): bounded by 3e-3.
 TEST(Hemisphere, CubeWeightsReproduceDifferentialViewFactors) {
-    auto corner = [](double a, double b) {  // dA to an a x b rectangle at distance 1, over one corner
-        const double sa = std::sqrt(1 + a * a), sb = std::sqrt(1 + b * b);
-        return (a / sa * std::atan(b / sa) + b / sb * std::atan(a / sb)) / (2 * std::numbers::pi);
-    };
+    auto corner =
+        [](double a,
+           double b) {  // dA to an a x b rectangle at distance 1, over one corner
+            const double sa = std::sqrt(1 + a * a), sb = std::sqrt(1 + b * b);
+            return (a / sa * std::atan(b / sa) + b / sb * std::atan(a / sb)) /
+                   (2 * std::numbers::pi);
+        };
     const double topTruth = 4 * corner(1, 1);
     const double alpha = 0.6;
     const double coneTruth = std::sin(alpha) * std::sin(alpha);
@@ -149,9 +153,11 @@ TEST(Hemisphere, CubeWeightsReproduceDifferentialViewFactors) {
         for (int k = 0; k < h.size_; ++k) {
             const double x = h.dirX(k), y = h.dirY(k), z = h.dirZ(k);
             if (z == 1.0) top += h.weight(k);
-            if (std::acos(z / std::sqrt(x * x + y * y + z * z)) < alpha) cone += h.weight(k);
+            if (std::acos(z / std::sqrt(x * x + y * y + z * z)) < alpha)
+                cone += h.weight(k);
         }
-        const double topError = std::abs(top - topTruth), coneError = std::abs(cone - coneTruth);
+        const double topError = std::abs(top - topTruth),
+                     coneError = std::abs(cone - coneTruth);
         EXPECT_LT(topError, 1e-4 * (50.0 / res) * (50.0 / res)) << res;
         EXPECT_LT(coneError, 3e-3) << res;
         EXPECT_LT(topError, previousTopError);
@@ -176,13 +182,18 @@ TEST(HemisphereDeathTest, AccessOutsideTheSetAborts) {
     const Hemisphere h(3, 2);
     ASSERT_EQ(h.size_, 12);
     int past = 12, minusOne = -1;
-    EXPECT_DEATH((void)h.dirX(past), "src/Hemisphere:28: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.dirY(minusOne), "src/Hemisphere:29: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.dirZ(past), "src/Hemisphere:30: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.weight(minusOne), "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
+    EXPECT_DEATH((void)h.dirX(past),
+                 "src/Hemisphere:28: Assertion 'i >= 0 && i < size_' failed");
+    EXPECT_DEATH((void)h.dirY(minusOne),
+                 "src/Hemisphere:29: Assertion 'i >= 0 && i < size_' failed");
+    EXPECT_DEATH((void)h.dirZ(past),
+                 "src/Hemisphere:30: Assertion 'i >= 0 && i < size_' failed");
+    EXPECT_DEATH((void)h.weight(minusOne),
+                 "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
     const Hemisphere empty(2, 0);
     int zero = 0;
-    EXPECT_DEATH((void)empty.weight(zero), "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
+    EXPECT_DEATH((void)empty.weight(zero),
+                 "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
 }
 
 }  // namespace

@@ -7,26 +7,18 @@
 #include <numbers>
 #include <thread>
 
+#include "TestMesh.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray {
 namespace {
 
-// Restores the calling thread's generator so tests do not depend on their order.
-class RandomStateGuard {
-public:
-    RandomStateGuard() : saved_(threadRandomState()) {}
-    ~RandomStateGuard() { setThreadRandomState(saved_); }
-    RandomStateGuard(const RandomStateGuard&) = delete;
-    RandomStateGuard& operator=(const RandomStateGuard&) = delete;
-
-private:
-    uint32_t saved_;
-};
+using testmesh::RandomStateGuard;
 
 // The classic runtime sequence (multiplier 214013, increment 2531011, bits 16..30)
 // from its unseeded state 1, as published for that runtime's rand().
-constexpr int unseededSequence[] = {41, 18467, 6334, 26500, 19169, 15724, 11478, 29358, 26962, 24464};
+constexpr int unseededSequence[] = {41,    18467, 6334,  26500, 19169,
+                                    15724, 11478, 29358, 26962, 24464};
 
 TEST(ThreadRandom, FreshThreadStartsAtOneAndDrawsTheClassicSequence) {
     std::thread([] {
@@ -119,7 +111,8 @@ TEST(TangentFrame, ShortProjectionsAreDrawnAgain) {
         const double x1 = 1 - 2 * lcg.next(), y1 = 1 - 2 * lcg.next();
         lcg.next();
         const double x2 = 1 - 2 * lcg.next(), y2 = 1 - 2 * lcg.next();
-        if (std::hypot(x1, y1) < 0.1 && std::hypot(x2, y2) >= 0.1) start = s, x = x2, y = y2;
+        if (std::hypot(x1, y1) < 0.1 && std::hypot(x2, y2) >= 0.1)
+            start = s, x = x2, y = y2;
     }
     ASSERT_NE(start, 0u);
     setThreadRandomState(start);
@@ -157,14 +150,16 @@ TEST(TangentFrame, NonFiniteNormalEndsAfterOneDraw) {
 }
 
 Vec3 multiply(const double M[9], const Vec3& v) {
-    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2], M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
+    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2],
+            M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
             M[6] * v[0] + M[7] * v[1] + M[8] * v[2]};
 }
 
 TEST(RotationMatrix, AgreesWithTheVectorFormOfRodrigues) {
     double M[9];
     rotationMatrix(std::numbers::pi / 2, Vec3(0, 0, 1), M);
-    expectNear(multiply(M, Vec3(1, 0, 0)), Vec3(0, 1, 0), 1e-16);  // counter-clockwise about z
+    expectNear(multiply(M, Vec3(1, 0, 0)), Vec3(0, 1, 0),
+               1e-16);  // counter-clockwise about z
     const Vec3 k(2.0 / 7, -3.0 / 7, 6.0 / 7);
     const Vec3 v(0.3, 1.7, -2.2);
     for (double angle : {0.0, 0.4, -1.3, std::numbers::pi, 5.0}) {
