@@ -5,6 +5,8 @@
 
 #include <cmath>
 
+#include "geometry/RayTraversal.h"
+
 namespace hemiray {
 
 namespace {
@@ -14,6 +16,13 @@ namespace {
 // Starting at 1 and never reseeded, a thread draws the same sequence in every run,
 // so rows are reproducible for a given thread count.
 thread_local uint32_t randomState = 1;
+
+// M v for a row-major 3x3 M; v is taken by value so the result may overwrite it.
+Vec3 multiply(const double M[9], Vec3 v) {
+    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2],
+            M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
+            M[6] * v[0] + M[7] * v[1] + M[8] * v[2]};
+}
 
 }  // namespace
 
@@ -68,6 +77,92 @@ void rotationMatrix(double angle, const Vec3& axis, double M[9]) {
     M[6] = z * x * C - y * s;
     M[7] = z * y * C + x * s;
     M[8] = z * z * C + c;
+}
+
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs,
+                          const ZoneTable& zones, const BspNode& tree,
+                          SparseRowVector& row) {
+    const bool axisymmetric = tree.dimension == 1;
+    // The rotation of the last rotational zone crossed, rebuilt only when a ray
+    // crosses a different one: most rays never meet a periodic face at all.
+    int32_t rotationZone = -1;
+    double M[9] = {};
+
+    double globArea = 0;
+    for (int32_t p = globs.globFaceStart[glob]; p < globs.globFaceStart[glob + 1]; ++p) {
+        const int32_t face = globs.globFaces[p];
+        const Vec3& areaVector = faces.faceNormal[face];
+        // In axisymmetric runs this is the segment's length, not the revolved area:
+        // the same measure as the rest of the geometry uses.
+        const double area = norm(areaVector);
+        globArea += area;
+        const Vec3 n(areaVector[0] / area, areaVector[1] / area, areaVector[2] / area);
+        const Vec3& origin = faces.faceCentroid[face];
+        Vec3 t1, t2;
+        buildTangentFrame(dimension, n, t1, t2);
+        // A zero-area face emits nothing: every ray would score weight x 0. Its
+        // normal and centroid are 0/0, so its rays are not traced at all. The frame
+        // is still drawn above, keeping the thread's random sequence independent of
+        // which faces are degenerate.
+        if (!(area > 0)) continue;
+
+        for (int k = 0; k < hemisphere.size_; ++k) {
+            Vec3 D = t1 * hemisphere.dirX(k) + t2 * hemisphere.dirY(k) +
+                     n * hemisphere.dirZ(k);
+            Vec3 O = origin;
+            uint8_t bounces = 0;
+            for (;;) {
+                double tEnter = 0, tExit = 0;
+                if (!clipToRootBox(tree, O, D, tEnter, tExit)) break;
+                Vec3 hitPoint;
+                int32_t hitFace = -1;
+                const bool hit =
+                    axisymmetric
+                        ? traverseAxisymmetric(tree, O, D, hitPoint, hitFace, tEnter,
+                                               tExit)
+                        : traversePlanar(tree, O, D, hitPoint, hitFace, tEnter, tExit);
+                if (!hit) break;  // left the domain: lost
+
+                const int32_t type = faces.faceZoneType[hitFace];
+                if (type == zoneTypeMirror) {
+                    // Reflection about the face plane; dividing by N.N instead of
+                    // normalising N keeps it exact up to rounding.
+                    const Vec3& N = faces.faceNormal[hitFace];
+                    O = hitPoint;
+                    D = D - (2 * dot(N, D) / dot(N, N)) * N;
+                } else if (type == zoneTypePeriodic || type == zoneTypePeriodicShadow) {
+                    // Each zone of a pair carries the transform to its partner.
+                    const int32_t zone = faces.faceZoneIndex[hitFace];
+                    if (zones.periodicType[zone] == 0) {
+                        O = hitPoint + zones.periodicShift[zone];
+                    } else {
+                        if (zone != rotationZone) {
+                            rotationMatrix(zones.periodicAngle[zone],
+                                           zones.periodicAxisB[zone], M);
+                            rotationZone = zone;
+                        }
+                        const Vec3& axisPoint = zones.periodicAxisA[zone];
+                        O = multiply(M, hitPoint - axisPoint) + axisPoint;
+                        D = multiply(M, D);
+                    }
+                } else {
+                    // Walls score; other special zones absorb the ray.
+                    if (type < zoneTypeSpecial)
+                        row.add(faces.faceGlob[hitFace], hemisphere.weight(k) * area);
+                    break;
+                }
+                // A ray trapped between mirrors or periodic pairs would never end;
+                // after maxBounces steps it is dropped without scoring.
+                if (++bounces == maxBounces) break;
+            }
+        }
+    }
+
+    for (int k = 0; k < row.np; ++k) {
+        const int32_t column = row.columnAt(k);
+        row.w[column] /= globArea;
+    }
 }
 
 }  // namespace hemiray
