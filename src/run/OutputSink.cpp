@@ -107,16 +107,19 @@ bool OutputSink::ok() const { return stream_ && !stream_->fail(); }
 
 bool OutputSink::commit() {
     if (!stream_) return false;
-    stream_->flush();
     bool written = !stream_->fail();
     if (isPipe_) {
+        // No flush here: PStreams 1.0.3 reports a sync of an empty buffer as a
+        // failure, and every writer ends with a flushing end of line anyway.
+        // Closing writes what is left, sends gzip end-of-file and waits for it;
+        // gzip's exit status tells whether the file is complete.
         auto& pipe = static_cast<redi::opstream&>(*stream_);
-        pipe.rdbuf()->peof();
         pipe.close();
         const int status = pipe.rdbuf()->status();
         written = written && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     } else {
         auto& file = static_cast<std::ofstream&>(*stream_);
+        file.flush();
         file.close();
         written = written && !file.fail();
     }

@@ -94,7 +94,7 @@ TEST(EntryPoint, MalformedSizeSectionFailsAndKeepsTheInput) {
 
 TEST(EntryPoint, UnreadableParameterSectionWritesNothing) {
     ScratchDir dir;
-    const std::string text = "(0 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3";
+    const std::string text = "(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3";
     writeFile(dir.file("m"), text);
     const auto r = runLibrary(dir.file("m"));
     EXPECT_EQ(r.result, 0);
@@ -108,10 +108,10 @@ TEST(EntryPoint, ImplausibleRunValuesAreRefused) {
     ScratchDir dir;
     const std::string params = "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n";
     const std::pair<std::string, std::string> cases[] = {
-        {"(0 0 1 1 4)\n" + params, "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"},
-        {"(0 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", "error: hemisphere resolution -2 is outside 0 to 2048\n"},
-        {"(0 0 1 2000000000 2)\n" + params, "error: glob count 2000000000 in the size section does not fit 0 faces\n"},
-        {"(0 0 1 -1 2)\n" + params, "error: glob count -1 in the size section does not fit 0 faces\n"},
+        {"(1 0 1 1 4)\n" + params, "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"},
+        {"(1 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", "error: hemisphere resolution -2 is outside 0 to 2048\n"},
+        {"(1 0 1 2000000000 2)\n" + params, "error: glob count 2000000000 in the size section does not fit 0 faces\n"},
+        {"(1 0 1 -1 2)\n" + params, "error: glob count -1 in the size section does not fit 0 faces\n"},
     };
     for (const auto& [text, line] : cases) {
         writeFile(dir.file("m"), text);
@@ -128,14 +128,15 @@ TEST(EntryPoint, ConsoleLinesOfASuccessfulRun) {
     const auto r = runLibrary(dir.file("m"));
     ASSERT_EQ(r.result, 1) << r.err;
     EXPECT_EQ(r.err, "");
-    // 8 segments of the room and 4 of the pillar: 12 faces, so depth 1.2 log2 12 + 2 = 6;
-    // one slot, 12 blocks: block b prints k when b + 1 = (12 k) / 10.
+    // 4 segments of the room and 4 of the pillar: 8 faces, so the depth is
+    // trunc(1.2 log2 8) + 2 = 5. One slot, 8 blocks: block b prints k0% when
+    // b + 1 = (8 k) / 10, so 10% never shows and block 3 prints both 50% and 60%.
     EXPECT_EQ(testing::withoutTimings(r.out),
               "# Read parameter section...\n"
               "# Create BSP tree...\n"
-              "# Maximum tree depth = 6\n"
+              "# Maximum tree depth = 5\n"
               "# Calculate and write view factors...\n"
-              "#\t 10% done...\n#\t 20% done...\n#\t 30% done...\n#\t 40% done...\n"
+              "#\t 20% done...\n#\t 30% done...\n#\t 40% done...\n"
               "#\t 50% done...\n#\t 60% done...\n#\t 70% done...\n#\t 80% done...\n"
               "#\t 90% done...\n"
               "#\t100% done!\n");
