@@ -139,10 +139,10 @@ TEST_P(InMemoryRun, WritesTheTextPathsResult) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ExampleModels, InMemoryRun, ::testing::ValuesIn(acceptanceCases()),
-                         [](const ::testing::TestParamInfo<AcceptanceCase>& info) {
-                             std::string name = info.param.name + "_" +
-                                                std::to_string(info.param.threads) + "threads" +
-                                                (info.param.binary ? "_binary" : "");
+                         [](const ::testing::TestParamInfo<AcceptanceCase>& caseInfo) {
+                             const AcceptanceCase& c = caseInfo.param;
+                             std::string name = c.name + "_" + std::to_string(c.threads) +
+                                                "threads" + (c.binary ? "_binary" : "");
                              for (char& ch : name)
                                  if (ch == '-') ch = '_';
                              return name;
