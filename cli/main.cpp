@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <omp.h>
@@ -14,7 +16,9 @@
 #include "Hemisphere"
 #include "ResultFile.h"
 #include "hemiray/raytracing.h"
+#include "input/MeshBlockPacker.h"
 #include "models/ExampleModels.h"
+#include "run/BlockFromText.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
 
@@ -65,8 +69,40 @@ struct RunArgs {
     int threads = 0;
     bool binary = false;
     bool force = false;
+    bool block = false;   // the input is a packed block, handed over in memory
+    bool direct = false;  // ... as a direct block pointing into it
     std::string header = "hemiray";
 };
+
+// Reads a packed block file whole. The library trusts a packed block's length
+// field as the number of bytes it may read, so it must match the file.
+bool readBlockFile(const std::string& path, std::vector<std::byte>& block, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    std::error_code ec;
+    const auto size = fs::file_size(path, ec);
+    if (!in || ec) {
+        error = "cannot read " + path;
+        return false;
+    }
+    block.resize(static_cast<size_t>(size));
+    in.read(reinterpret_cast<char*>(block.data()), static_cast<std::streamsize>(block.size()));
+    if (!in) {
+        error = "cannot read " + path;
+        return false;
+    }
+    hemiray_block_head head{};
+    if (block.size() >= sizeof head) std::memcpy(&head, block.data(), sizeof head);
+    if (block.size() < sizeof head || head.tag != HEMIRAY_PACKED_TAG) {
+        error = path + " is not a packed block (hemiray block writes one)";
+        return false;
+    }
+    if (head.totalBytes != block.size()) {
+        error = path + " holds " + std::to_string(block.size()) + " bytes, its head says " +
+                std::to_string(head.totalBytes);
+        return false;
+    }
+    return true;
+}
 
 int threadCount(int requested) { return requested > 0 ? requested : omp_get_num_procs(); }
 
@@ -84,16 +120,51 @@ int runModel(const RunArgs& args) {
     if (!fs::is_directory(folder)) return fail("no such folder: " + folder.string());
 
     std::string error;
-    if (!inPlace && !copyModel(args.input, output, error)) return fail(error);
+    std::vector<std::byte> block;
+    hemiray_direct_block direct{};
+    const void* meshData = nullptr;
+    if (args.block) {
+        if (inPlace) return fail("a block run needs an output name other than the block's");
+        if (!readBlockFile(args.input, block, error)) return fail(error);
+        meshData = block.data();
+        if (args.direct) {
+            direct = directBlockFor(block);
+            meshData = &direct;
+        }
+    } else if (!inPlace && !copyModel(args.input, output, error)) {
+        return fail(error);
+    }
     const int threads = threadCount(args.threads);
     omp_set_num_threads(threads);
-    const int ok = raytracing_lib(args.binary, output.c_str(), nullptr, 1, threads, 1, nullptr,
-                                  args.header.c_str(), false, false, 0);
+    const int ok = raytracing_lib(args.binary, output.c_str(), nullptr, 1, threads,
+                                  args.block ? 0 : 1, meshData, args.header.c_str(), false,
+                                  args.direct, 0);
     if (ok != 1) {
         if (!inPlace) fs::remove(output, ec);
         return 1;
     }
     std::cout << "# Result: " << output << std::endl;
+    return 0;
+}
+
+// Packs a text model (plain, .gz or .Z) into a block file for in-memory runs.
+int writeBlock(const std::string& input, const std::string& output, bool force) {
+    if (!fs::exists(input)) return fail("no such file: " + input);
+    if (fs::exists(output) && !force) return fail(output + " exists; use --force to replace it");
+    auto text = openInputSource(input);
+    if (text->fail()) return fail("cannot read " + input);
+    std::vector<std::byte> block;
+    std::string error;
+    if (!packTextModel(*text, block, error)) return fail(input + ": " + error);
+    std::ofstream out(output, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(block.size()));
+    out.close();
+    if (!out) return fail("cannot write " + output);
+    hemiray_block_head head{};
+    std::memcpy(&head, block.data(), sizeof head);
+    std::cout << output << ": " << block.size() << " bytes, " << head.nodeCount << " nodes, "
+              << head.faceCount << " faces in " << head.faceZoneCount << " zones, "
+              << head.periodicCount << " periodic pairs" << std::endl;
     return 0;
 }
 
@@ -214,6 +285,18 @@ int main(int argc, char** argv) {
     run->add_flag("--binary", runArgs.binary, "write binary rows (section 1308)");
     run->add_option("--header", runArgs.header, "text of the result file's first line");
     run->add_flag("--force", runArgs.force, "replace an existing result file");
+    run->add_flag("--block", runArgs.block,
+                  "the input is a packed block (see 'block'), handed over in memory");
+    run->add_flag("--direct", runArgs.direct,
+                  "with --block: hand it over as a direct block of pointers to its arrays")
+        ->needs("--block");
+
+    std::string blockInput, blockOutput;
+    bool blockForce = false;
+    auto* blk = app.add_subcommand("block", "pack a text model into an in-memory block file");
+    blk->add_option("model", blockInput, "model file (plain, .gz or .Z)")->required();
+    blk->add_option("-o,--output", blockOutput, "block file to write")->required();
+    blk->add_flag("--force", blockForce, "replace an existing file");
 
     std::string genCase, genOutput;
     int genN = 4, genRes = 20;
@@ -241,6 +324,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     if (*run) return runModel(runArgs);
+    if (*blk) return writeBlock(blockInput, blockOutput, blockForce);
     if (*gen) {
         if (genList) {
             for (const auto& c : models::exampleCases())

@@ -86,7 +86,10 @@ void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
         if (!skipExpression(input)) reportInputError("couldn't flush expression");
         input >> c;
     }
+    copyGlobsToParticipatingFaces(allFaces, participatingFaces);
+}
 
+void copyGlobsToParticipatingFaces(const FaceSet& allFaces, FaceSet& participatingFaces) {
     // Glob sections number faces of allFaces only; participatingFaces learns its
     // clusters here, through the allFaces position each of its faces carries. A face
     // number outside allFaces only arises from headers whose ranges disagree with

@@ -17,6 +17,10 @@ namespace hemiray {
 // Prints "file i/o error: " + message on standard error and exits with status 1.
 [[noreturn]] void reportInputError(const char* message);
 
+// The last step of reading a mesh, from text or from a block: gives each face of
+// participatingFaces the glob of the allFaces face it copies.
+void copyGlobsToParticipatingFaces(const FaceSet& allFaces, FaceSet& participatingFaces);
+
 // Reads sections until the input ends or a character other than "(" stands where a
 // section would open, then copies glob ids from allFaces into participatingFaces.
 // Malformed sections end the process through reportInputError.

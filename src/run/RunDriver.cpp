@@ -6,6 +6,7 @@
 #include <iostream>
 #include <omp.h>
 
+#include "input/MeshBlock.h"
 #include "input/MeshModel.h"
 #include "input/ParameterSection.h"
 #include "input/SectionReader.h"
@@ -76,32 +77,49 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
 
     std::cout << "# Read parameter section..." << std::endl;
     RunParameters parameters;
+    MeshBlockView block;
     if (readFromFile) {
         if (!readParameterSection(*input, parameters)) return false;
     } else {
-        (void)meshData;
-        (void)directFields;
-        std::cerr << "error: in-memory input (readFromFile 0) is not supported by this build"
-                  << std::endl;
-        return false;
+        if (meshData == nullptr) {
+            std::cerr << "error: no mesh data given" << std::endl;
+            return false;
+        }
+        // The head is checked against the block's length before anything else is
+        // read from it; a bad block ends the process like bad mesh text.
+        block = directFields ? openDirectBlock(meshData) : openPackedBlock(meshData);
+        if (directFields)
+            copyParameterBlock(block.parameters, parameters);
+        else
+            readBlockParameters(block, parameters);
+        size1 = block.size1;
+        size2 = block.size2;
+        size3 = block.zoneCount;
+        size4 = block.globCount;
+        dimension = block.dimension;
     }
     run.size1 = size1;
     run.size2 = size2;
     run.zoneCount = size3;
     run.globCount = size4;
     run.dimension = dimension;
-    // Axisymmetric meshes carry two coordinates per node, like planar ones.
-    run.nodeCoordinates = dimension == 3 ? 3 : 2;
+    // Text: axisymmetric meshes carry two coordinates per node, like planar ones. A
+    // block's node section is written with the block's own dimension value.
+    run.nodeCoordinates = !readFromFile ? dimension : dimension == 3 ? 3 : 2;
     if (!checkDimensionAndResolution(dimension, parameters)) return false;
 
     NodeArray nodes;
     FaceSet allFaces(dimension, nodes);
     FaceSet participatingFaces(dimension, nodes);
     ZoneTable zones(size3);
-    readMeshSections(*input, run.nodeCoordinates, nodes, allFaces, participatingFaces, zones);
-    // Closing the input here (or waiting for its decompressor) frees the name for
-    // the result. An HDF5 result has its own name, and the input stays open with it.
-    if (!run.hdf5Output) input.reset();
+    if (readFromFile) {
+        readMeshSections(*input, run.nodeCoordinates, nodes, allFaces, participatingFaces, zones);
+        // Closing the input here (or waiting for its decompressor) frees the name for
+        // the result. An HDF5 result has its own name, and the input stays open with it.
+        if (!run.hdf5Output) input.reset();
+    } else {
+        readBlockMesh(block, dimension, nodes, allFaces, participatingFaces, zones);
+    }
 
     if (!checkGlobCount(run.globCount, allFaces.faceCount())) return false;
     if (!computeAndWrite(run, parameters, nodes, allFaces, participatingFaces, zones)) return false;
