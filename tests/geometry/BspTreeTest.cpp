@@ -254,22 +254,6 @@ TEST(BspTree, LongestAxisSplitsAndTiesKeepTheLowerAxis) {
     }
 }
 
-TEST(BspTree, DepthZeroOrTenFacesStopSplitting) {
-    const auto eleven = segments(11);
-    const MeshView view{&eleven->nodes, &eleven->faces};
-    BspNode node = handMadeNode(view, 2, {0, 0, 0}, {11, 1, 0});
-    buildNode(node, 0);
-    EXPECT_TRUE(node.isLeaf());
-    EXPECT_EQ(node.faceCount, 11);
-
-    const auto ten = segments(10);
-    const MeshView tenView{&ten->nodes, &ten->faces};
-    BspNode small = handMadeNode(tenView, 2, {0, 0, 0}, {10, 1, 0});
-    buildNode(small, 20);
-    EXPECT_TRUE(small.isLeaf());
-    EXPECT_EQ(small.faceCount, 10);
-}
-
 class BspTreeInvariants : public ::testing::TestWithParam<Kind> {};
 
 TEST_P(BspTreeInvariants, LeavesHoldExactlyTheFacesTheirBoxesReach) {
