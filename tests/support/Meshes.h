@@ -10,6 +10,7 @@
 //       ellipsoidal head and three free-standing baffles (two annuli, one cone).
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <initializer_list>
@@ -199,13 +200,19 @@ inline std::unique_ptr<Mesh> ring(int outer, int inner, uint64_t seed) {
     Rng rng(seed);
     const Vec3 center(0.3, -0.2, 0.0);
     mesh->xScale = 1.6;
+    // The radius wobbles smoothly with the angle, plus a jitter of a fraction of a
+    // segment so that no two meshes share a node; the outline stays star-shaped.
     const auto polygon = [&](int count, double radius, double wobble, bool clockwise) {
         const int32_t first = static_cast<int32_t>(mesh->nodes.size());
+        const double phase0 = uniform(rng, 0, 2 * std::numbers::pi);
+        const double phase1 = uniform(rng, 0, 2 * std::numbers::pi);
+        const double jitter = std::min(0.02, 0.2 * 2 * std::numbers::pi / count);
         for (int i = 0; i < count; ++i) {
             const int step = clockwise ? count - i : i;
             const double angle =
                 2 * std::numbers::pi * (step + uniform(rng, -0.3, 0.3)) / count;
-            const double r = radius * (1 + uniform(rng, -wobble, wobble));
+            const double smooth = 0.6 * std::sin(3 * angle + phase0) + 0.4 * std::sin(7 * angle + phase1);
+            const double r = radius * (1 + wobble * smooth + uniform(rng, -jitter, jitter));
             mesh->addNode(center + Vec3(mesh->xScale * r * std::cos(angle), r * std::sin(angle), 0));
         }
         for (int i = 0; i < count; ++i)
