@@ -164,11 +164,14 @@ TEST(ResultFileDeathTest, ThreeDimensionalRowsRepeatInFreshProcesses) {
     const pid_t parent = ::testing::internal::InDeathTestChild() ? getppid() : getpid();
     const std::filesystem::path folder =
         std::filesystem::temp_directory_path() / ("hemiray-fresh-" + std::to_string(parent));
-    std::filesystem::create_directories(folder);
     const std::string text = exampleText("room", 2, 8);
+    if (!::testing::internal::InDeathTestChild()) {
+        std::filesystem::create_directories(folder);
+        writeFile((folder / "a").string(), text);
+        writeFile((folder / "b").string(), text);
+    }
     auto runInFreshProcess = [&](const std::string& name) {
         const std::string path = (folder / name).string();
-        writeFile(path, text);
         EXPECT_EXIT(
             {
                 omp_set_num_threads(2);
