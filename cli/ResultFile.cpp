@@ -77,6 +77,21 @@ bool readRows(std::istream& in, bool binary, ResultFile& result, std::string& er
     return true;
 }
 
+// The head of a result: its first line is (0 "text") or, with the host's flag,
+// (-1 "text"), where the text may hold blanks; the size section follows. The
+// library's own input reader takes only one-word comments, so this one is laxer.
+bool readResultHead(std::istream& in, SizeSection& sizes) {
+    char c = 0;
+    int32_t first = 0;
+    if (!(in >> c) || c != '(' || !(in >> first)) return false;
+    if (first == 0 || first == -1) {
+        if (!skipExpression(in) || !(in >> c) || c != '(' || !(in >> first)) return false;
+    }
+    sizes.size1 = first;
+    in >> sizes.size2 >> sizes.zoneCount >> sizes.globCount >> sizes.dimension;
+    return in && skipExpression(in);
+}
+
 }  // namespace
 
 bool readResultFile(const std::string& path, ResultFile& result, std::string& error) {
@@ -86,7 +101,7 @@ bool readResultFile(const std::string& path, ResultFile& result, std::string& er
         return false;
     }
     std::istream& in = *input;
-    if (!readSizeSection(in, result.sizes)) {
+    if (!readResultHead(in, result.sizes)) {
         error = "malformed size section";
         return false;
     }
@@ -169,7 +184,7 @@ CheckSummary checkResult(ResultFile& result) {
     };
 
     CheckSummary summary;
-    double sum = 0;
+    double sum = 0, exchanged = 0, unbalanced = 0;
     for (size_t r = 0; r < result.rows.size(); ++r) {
         GlobCheck check;
         check.glob = result.activeGlobs[r];
@@ -183,6 +198,8 @@ CheckSummary checkResult(ResultFile& result) {
             const double forward = check.area * row.values[k];
             const double backward = area[j] * factor(other->second, check.glob);
             const double error = std::abs(forward - backward) / forward;
+            exchanged += forward;
+            unbalanced += std::abs(forward - backward);
             if (error > check.worstReciprocity) {
                 check.worstReciprocity = error;
                 check.worstPartner = j;
@@ -199,6 +216,7 @@ CheckSummary checkResult(ResultFile& result) {
         for (const auto& g : summary.globs)
             summary.worstReciprocity = std::max(summary.worstReciprocity, g.worstReciprocity);
     }
+    if (exchanged > 0) summary.weightedReciprocity = unbalanced / exchanged;
     return summary;
 }
 

@@ -53,6 +53,10 @@ struct CheckSummary {
     double maxRowSum = 0;
     double meanRowSum = 0;
     double worstReciprocity = 0;
+    // sum |A_i F_ij - A_j F_ji| / sum A_i F_ij over the pairs of rows: the share of
+    // exchanged energy that is not reciprocal. The worst pair above is dominated by
+    // small factors that few rays reach; this one is not.
+    double weightedReciprocity = 0;
 };
 
 CheckSummary checkResult(ResultFile& result);

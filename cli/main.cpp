@@ -108,7 +108,6 @@ int threadCount(int requested) { return requested > 0 ? requested : omp_get_num_
 
 int runModel(const RunArgs& args) {
     if (!fs::exists(args.input)) return fail("no such file: " + args.input);
-    if (args.threads < 0) return fail("--threads must be at least 1");
     const std::string output = args.output.empty() ? defaultOutputName(args.input) : args.output;
     if (namesCompress(output) && !namesGzip(output))
         return fail("output name " + output + " contains \".Z\", which would be read as compress data");
@@ -175,6 +174,8 @@ int generate(const std::string& name, const std::string& output, int n, int reso
     if (!models::makeExample(name, n, resolution, model))
         return fail("unknown case '" + name + "' (hemiray gen --list shows the cases)");
     if (fs::exists(output) && !force) return fail(output + " exists; use --force to replace it");
+    const fs::path folder = fs::absolute(output).parent_path();
+    if (!fs::is_directory(folder)) return fail("no such folder: " + folder.string());
     OutputSink sink(output, false);
     if (!sink.ok()) return fail("cannot write " + output);
     models::writeModelText(sink.stream(), model);
@@ -190,6 +191,7 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
               << ", \"rowSum\": {\"min\": " << s.minRowSum << ", \"max\": " << s.maxRowSum
               << ", \"mean\": " << s.meanRowSum << "}, \"worstReciprocity\": " << s.worstReciprocity
+              << ", \"weightedReciprocity\": " << s.weightedReciprocity
               << ", \"perGlob\": [";
     for (size_t k = 0; k < s.globs.size(); ++k) {
         const auto& g = s.globs[k];
@@ -215,7 +217,8 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
               << ", max " << s.maxRowSum << ", mean " << s.meanRowSum << '\n'
               << std::scientific << std::setprecision(3)
               << "reciprocity: largest |A_i F_ij - A_j F_ji| / (A_i F_ij) = " << s.worstReciprocity
-              << std::defaultfloat << std::endl;
+              << ", over all pairs sum |A_i F_ij - A_j F_ji| / sum A_i F_ij = "
+              << s.weightedReciprocity << std::defaultfloat << std::endl;
 }
 
 int check(const std::string& path, bool json, bool perGlob) {
@@ -265,7 +268,9 @@ int demo(int n, int resolution) {
               << std::setprecision(6) << "  closure:      row sums " << summary.minRowSum << " to "
               << summary.maxRowSum << " (1 for a closed room)\n"
               << std::scientific << std::setprecision(2)
-              << "  reciprocity:  worst relative error " << summary.worstReciprocity << '\n'
+              << "  reciprocity:  " << summary.weightedReciprocity
+              << " of the exchanged energy unbalanced (worst single pair "
+              << summary.worstReciprocity << ", a factor few rays reach)\n"
               << "  result file:  " << path << std::endl;
     return 0;
 }
@@ -321,9 +326,22 @@ int main(int argc, char** argv) {
     dem->add_option("--n", demoN, "subdivisions per wall edge (default 4)");
     dem->add_option("--res", demoRes, "hemisphere resolution (default 40)");
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        // One line, like every other complaint of the tool.
+        return fail(e.what());
+    }
 
-    if (*run) return runModel(runArgs);
+    if (*run) {
+        if (run->count("--threads") > 0 && runArgs.threads < 1)
+            return fail("--threads must be at least 1");
+        return runModel(runArgs);
+    }
     if (*blk) return writeBlock(blockInput, blockOutput, blockForce);
     if (*gen) {
         if (genList) {
