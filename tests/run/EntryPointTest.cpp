@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "models/ExampleModels.h"
+#include "run/BlockFromText.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
 #include "support/RunHelpers.h"
@@ -211,6 +212,26 @@ TEST(EntryPoint, FileNamesAreNeverShellSyntax) {
         EXPECT_FALSE(std::filesystem::exists(dir.file("pwned")));
         EXPECT_FALSE(std::filesystem::exists("pwned"));
     }
+}
+
+TEST(EntryPoint, UnopenableOutputFailsWithItsLine) {
+    // In-memory input reads no file, so the output name may point anywhere.
+    std::istringstream text(planarModelText());
+    std::vector<std::byte> block;
+    std::string error;
+    ASSERT_TRUE(packTextModel(text, block, error)) << error;
+    ScratchDir dir;
+    const std::string name = dir.file("no/such/folder/result");
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    const int result = raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, block.data(), "x",
+                                      false, false, 0);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(err, "error: couldn't open output file: " + name +
+                       "\nerror: couldn't calculate view factors!\n");
+    EXPECT_EQ(out.find("# Create BSP tree"), std::string::npos);
 }
 
 TEST(OutputSink, UnopenableTargetFailsAndLeavesNothingBehind) {
