@@ -80,6 +80,7 @@ bool readRows(std::istream& in, bool binary, ResultFile& result, std::string& er
 }  // namespace
 
 bool readResultFile(const std::string& path, ResultFile& result, std::string& error) {
+    if (isHdf5File(path)) return readHdf5ResultFile(path, result, error);
     auto input = openInputSource(path);
     if (input->fail()) {
         error = "cannot open " + path;
