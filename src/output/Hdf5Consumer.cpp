@@ -30,20 +30,32 @@ const ConsumerLifetime consumerLifetime;
 
 Hdf5Consumer* Hdf5Consumer::instance() { return processConsumer; }
 
-Hdf5Consumer::Hdf5Consumer() : ready_(H5open() >= 0) {}
+Hdf5Consumer::Hdf5Consumer() : ready_(H5open() >= 0) {
+    if (ready_) driver_ = registerSafeWriteDriver();
+}
 
 Hdf5Consumer::~Hdf5Consumer() {
     std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!current_) return;
-    // exit() called by the thread of the run in progress: its delivery will never
-    // be destroyed, so the partial file is removed here. A run still going on
-    // another thread keeps its objects; the process is ending under it anyway.
-    if (lock.owns_lock() && owner_.load() == std::this_thread::get_id()) current_.reset();
-    else (void)current_.release();
+    if (current_) {
+        // exit() called by the thread of the run in progress: its delivery will
+        // never be destroyed, so the partial file is removed here. A run still
+        // going on another thread keeps its objects and the driver; the process is
+        // ending under it anyway.
+        if (!lock.owns_lock() || owner_.load() != std::this_thread::get_id()) {
+            (void)current_.release();
+            return;
+        }
+        current_.reset();
+    }
+    // HDF5 keeps a copy of the driver table, but its functions live in this
+    // library, which may be about to be unloaded.
+    const Hdf5ErrorsSilenced quiet;
+    if (driver_ >= 0 && H5Iget_type(driver_) == H5I_VFL) H5FDunregister(driver_);
 }
 
-Hdf5Consumer::OpenResult::OpenResult(std::string targetName, std::string partialName)
-    : target(std::move(targetName)), partial(std::move(partialName)), writer(partial) {}
+Hdf5Consumer::OpenResult::OpenResult(std::string targetName, std::string partialName,
+                                     hid_t driver)
+    : target(std::move(targetName)), partial(std::move(partialName)), writer(partial, driver) {}
 
 Hdf5Consumer::OpenResult::~OpenResult() {
     if (published) return;
@@ -61,7 +73,9 @@ std::unique_ptr<Hdf5Delivery> Hdf5Consumer::startResult(const std::string& name)
     if (!mayReplace(target)) return nullptr;
     std::string partial = createPartialFile(target);
     if (partial.empty()) return nullptr;
-    current_ = std::make_unique<OpenResult>(target, std::move(partial));
+    // A host that shut HDF5 down between two runs took the registration with it.
+    if (driver_ < 0 || H5Iget_type(driver_) != H5I_VFL) driver_ = registerSafeWriteDriver();
+    current_ = std::make_unique<OpenResult>(target, std::move(partial), driver_);
     if (!current_->writer.ok()) {
         current_.reset();
         return nullptr;

@@ -1,8 +1,9 @@
 // The process-wide consumer of HDF5 results. It is created when the library is
 // loaded and destroyed when it is unloaded (or the process exits). Between these
 // moments it owns what the HDF5 delivery of a run needs: the initialised HDF5
-// library, and the result file of the run in progress, which it writes beside the
-// target and moves over it only when complete. A process that exits in the middle
+// library, the registration of the safe-write file driver, and the result file of
+// the run in progress, which it writes beside the target and moves over it only
+// when complete. A process that exits in the middle
 // of a run thus leaves neither a partial file nor a damaged input behind.
 #pragma once
 
@@ -21,7 +22,7 @@ class Hdf5Delivery;
 class Hdf5Consumer {
 public:
     Hdf5Consumer();
-    ~Hdf5Consumer();  // abandons a result its own thread left open
+    ~Hdf5Consumer();  // abandons a result its own thread left open; unregisters the driver
     Hdf5Consumer(const Hdf5Consumer&) = delete;
     Hdf5Consumer& operator=(const Hdf5Consumer&) = delete;
 
@@ -42,7 +43,7 @@ private:
         std::string target;
         std::string partial;
         Hdf5ResultWriter writer;
-        OpenResult(std::string targetName, std::string partialName);
+        OpenResult(std::string targetName, std::string partialName, hid_t driver);
         ~OpenResult();  // closes the file and removes it unless it was published
         bool published = false;
     };
@@ -51,6 +52,7 @@ private:
     void release();  // ends the current result, published or not
 
     bool ready_ = false;  // the HDF5 library initialised
+    hid_t driver_ = H5I_INVALID_HID;  // the safe-write driver
     std::mutex mutex_;    // guards current_
     std::unique_ptr<OpenResult> current_;
     std::atomic<std::thread::id> owner_{};  // the thread of the run in progress

@@ -113,14 +113,18 @@ bool writeVectors(hid_t location, const char* name, const std::vector<Vec3>& vec
 
 }  // namespace
 
-Hdf5ResultWriter::Hdf5ResultWriter(const std::string& path)
-    : file_(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT), H5Fclose) {
+Hdf5ResultWriter::Hdf5ResultWriter(const std::string& path, hid_t safeWriteDriver) {
+    const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
+    if (!check(access.valid())) return;
+    if (safeWriteDriver >= 0 && !check(useSafeWriteDriver(access.get(), safeWriteDriver, &writeStatus_)))
+        return;
+    file_ = Hdf5Id(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.get()), H5Fclose);
     check(file_.valid());
 }
 
 bool Hdf5ResultWriter::check(bool success) {
-    if (!success) failed_ = true;
-    return success;
+    if (!success || writeStatus_.error != 0) failed_ = true;
+    return !failed_;
 }
 
 void Hdf5ResultWriter::writeSizes(int32_t size1, int32_t size2, int32_t zoneCount,
@@ -269,6 +273,7 @@ void Hdf5ResultWriter::append(Extendible& target, const void* data, hsize_t coun
                         fileSpace.get(), H5P_DEFAULT, data) >= 0))
         return;
     target.length = length;
+    check(true);  // a write the driver could not make stops the rows here
 }
 
 void Hdf5ResultWriter::writeRowBuffers() {

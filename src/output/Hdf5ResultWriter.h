@@ -13,19 +13,22 @@
 #include "input/MeshModel.h"
 #include "input/ParameterSection.h"
 #include "output/Hdf5Handles.h"
+#include "output/Hdf5SafeWriteDriver.h"
 
 namespace hemiray {
 
 class Hdf5ResultWriter {
 public:
-    // Creates (truncating) the HDF5 file at path. Check ok() before writing.
-    explicit Hdf5ResultWriter(const std::string& path);
+    // Creates (truncating) the HDF5 file at path, through the safe-write driver when
+    // one is given, else through HDF5's default driver. Check ok() before writing.
+    explicit Hdf5ResultWriter(const std::string& path, hid_t safeWriteDriver = H5I_INVALID_HID);
     ~Hdf5ResultWriter() = default;  // closes without flushing buffered rows
     Hdf5ResultWriter(const Hdf5ResultWriter&) = delete;
     Hdf5ResultWriter& operator=(const Hdf5ResultWriter&) = delete;
 
-    // False as soon as any HDF5 call has failed; later writes are then skipped.
-    [[nodiscard]] bool ok() const { return !failed_; }
+    // False as soon as any HDF5 call or any write to the disk has failed; later
+    // writes are then skipped.
+    [[nodiscard]] bool ok() const { return !failed_ && writeStatus_.error == 0; }
 
     // The size values, the header text (zero-terminated, null taken as empty) and
     // flag, as root attributes.
@@ -62,6 +65,7 @@ private:
     void writeRowBuffers();
     void append(Extendible& target, const void* data, hsize_t count);
 
+    Hdf5WriteStatus writeStatus_;  // filled by the safe-write driver; outlives file_
     Hdf5Id file_;
     Hdf5Id rowGroup_;
     Extendible rowStart_;
