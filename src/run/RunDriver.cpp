@@ -100,7 +100,8 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
     ZoneTable zones(size3);
     readMeshSections(*input, run.nodeCoordinates, nodes, allFaces, participatingFaces, zones);
     // Closing the input here (or waiting for its decompressor) frees the name for
-    // the result. An HDF5 result has its own name, and the input stays open with it.
+    // the result. An HDF5 result is written beside the input and renamed over it,
+    // so the input may stay open until the run ends.
     if (!run.hdf5Output) input.reset();
 
     if (!checkGlobCount(run.globCount, allFaces.faceCount())) return false;
