@@ -54,7 +54,10 @@ bool copyModel(const std::string& input, const std::string& output, std::string&
         return false;
     }
     sink.stream() << in->rdbuf();
-    if (!sink.commit()) {
+    // A write that fails part of the way only stops the copy: the stream flags a
+    // failure only when nothing at all was copied. What is left unread tells.
+    const bool copiedAll = in->rdbuf()->sgetc() == std::char_traits<char>::eof();
+    if (!copiedAll || !sink.commit()) {
         error = "cannot write " + output;
         return false;
     }
