@@ -95,6 +95,7 @@ bool readResultHead(std::istream& in, SizeSection& sizes) {
 }  // namespace
 
 bool readResultFile(const std::string& path, ResultFile& result, std::string& error) {
+    if (isHdf5File(path)) return readHdf5ResultFile(path, result, error);
     auto input = openInputSource(path);
     if (input->fail()) {
         error = "cannot open " + path;

@@ -1,5 +1,6 @@
-// Reading a view-factor file back: the model it repeats and its rows, in text or
-// binary form, plain or compressed. Used by `hemiray check` and `hemiray demo`.
+// Reading a result back: the model it repeats and its rows, from a view-factor file
+// (text or binary rows, plain or compressed) or from an HDF5 result. Used by
+// `hemiray check`, `hemiray demo` and the tests.
 #pragma once
 
 #include <cstdint>
@@ -27,15 +28,26 @@ struct ResultFile {
     std::vector<int32_t> activeGlobs;
     std::vector<SparseRow> rows;  // one per active glob, in the same order
     bool binaryRows = false;
+    bool hdf5 = false;  // read from an HDF5 result
 
     ResultFile() = default;
     ResultFile(const ResultFile&) = delete;
     ResultFile& operator=(const ResultFile&) = delete;
 };
 
-// Reads the whole file. False with a message in `error` when it is not a complete
-// view-factor file; malformed mesh sections end the process like in the library.
+// Reads the whole file, an HDF5 result or a view-factor file, told apart by their
+// content. False with a message in `error` when it is not a complete result;
+// malformed mesh sections of a view-factor file end the process like in the
+// library.
 [[nodiscard]] bool readResultFile(const std::string& path, ResultFile& result, std::string& error);
+
+// True when the file is an HDF5 file, whatever its name.
+[[nodiscard]] bool isHdf5File(const std::string& path);
+
+// Reads an HDF5 result (docs/hdf5-results.md). Every array is checked against the
+// others before it is used, so a damaged file gives a message, never a crash.
+[[nodiscard]] bool readHdf5ResultFile(const std::string& path, ResultFile& result,
+                                      std::string& error);
 
 // Closure and reciprocity of a result. Areas are face areas in 3D, segment lengths
 // in planar mode, and the areas of the revolved surfaces in axisymmetric mode.

@@ -32,13 +32,15 @@ int fail(const std::string& message) {
     return 1;
 }
 
-// "mesh.msh" -> "mesh.msh.vf", "mesh.msh.gz" -> "mesh.msh.vf.gz", "mesh.Z" -> "mesh.vf".
+// "mesh.msh" -> "mesh.msh.vf", "mesh.msh.gz" -> "mesh.msh.vf.gz", "mesh.Z" -> "mesh.vf",
+// "mesh.h5" -> "mesh.vf.h5" (an HDF5 result).
 std::string defaultOutputName(const std::string& input) {
     auto endsWith = [&](const std::string& tail) {
         return input.size() >= tail.size() && input.compare(input.size() - tail.size(), tail.size(), tail) == 0;
     };
     if (endsWith(".gz")) return input.substr(0, input.size() - 3) + ".vf.gz";
     if (endsWith(".Z")) return input.substr(0, input.size() - 2) + ".vf";
+    if (endsWith(".h5")) return input.substr(0, input.size() - 3) + ".vf.h5";
     return input + ".vf";
 }
 
@@ -56,7 +58,10 @@ bool copyModel(const std::string& input, const std::string& output, std::string&
         return false;
     }
     sink.stream() << in->rdbuf();
-    if (!sink.commit()) {
+    // A write that fails part of the way only stops the copy: the stream flags a
+    // failure only when nothing at all was copied. What is left unread tells.
+    const bool copiedAll = in->rdbuf()->sgetc() == std::char_traits<char>::eof();
+    if (!copiedAll || !sink.commit()) {
         error = "cannot write " + output;
         return false;
     }
@@ -189,6 +194,7 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
     std::cout << std::setprecision(10) << "{\"dimension\": " << r.sizes.dimension
               << ", \"globs\": " << r.sizes.globCount << ", \"rows\": " << r.rows.size()
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
+              << ", \"hdf5\": " << (r.hdf5 ? "true" : "false")
               << ", \"rowSum\": {\"min\": " << s.minRowSum << ", \"max\": " << s.maxRowSum
               << ", \"mean\": " << s.meanRowSum << "}, \"worstReciprocity\": " << s.worstReciprocity
               << ", \"weightedReciprocity\": " << s.weightedReciprocity
@@ -212,7 +218,7 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
                       << g.worstReciprocity << std::defaultfloat << "  (" << g.worstPartner << ")\n";
     }
     std::cout << "rows: " << r.rows.size() << " of " << r.sizes.globCount << " globs ("
-              << (r.binaryRows ? "binary" : "text") << ")\n"
+              << (r.hdf5 ? "HDF5" : r.binaryRows ? "binary" : "text") << ")\n"
               << std::fixed << std::setprecision(6) << "closure (row sums): min " << s.minRowSum
               << ", max " << s.maxRowSum << ", mean " << s.meanRowSum << '\n'
               << std::scientific << std::setprecision(3)
@@ -285,7 +291,8 @@ int main(int argc, char** argv) {
     auto* run = app.add_subcommand("run", "compute the view factors of a model file");
     run->add_option("input", runArgs.input, "model file (plain, .gz or .Z)")->required();
     run->add_option("-o,--output", runArgs.output,
-                    "result file (default: the input name with .vf before a trailing .gz)");
+                    "result file (default: the input name with .vf before a trailing .gz or .h5;"
+                    " a name containing .h5 gives an HDF5 result)");
     run->add_option("--threads", runArgs.threads, "worker threads (default: every core)");
     run->add_flag("--binary", runArgs.binary, "write binary rows (section 1308)");
     run->add_option("--header", runArgs.header, "text of the result file's first line");
@@ -317,7 +324,7 @@ int main(int argc, char** argv) {
     std::string checkPath;
     bool checkJson = false, checkPerGlob = false;
     auto* chk = app.add_subcommand("check", "closure and reciprocity of a result file");
-    chk->add_option("result", checkPath, "view-factor file (text or binary rows, plain or .gz)")->required();
+    chk->add_option("result", checkPath, "result file (text or binary rows, plain or .gz, or HDF5)")->required();
     chk->add_flag("--json", checkJson, "print JSON for programs");
     chk->add_flag("--globs", checkPerGlob, "print every glob, not only the totals");
 

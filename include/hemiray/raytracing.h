@@ -201,9 +201,11 @@ typedef struct hemiray_direct_block {
  *                  under the same name, replacing it. The name selects the input:
  *                  containing ".gz" anywhere: read through "gzip -dc"; else
  *                  containing ".Z": through "zcat"; else a plain file. On output a
- *                  name containing ".gz" is written through "gzip -fc". The
- *                  decompressors are started without a shell, so any character
- *                  in the name is taken literally. The caller's buffer is copied.
+ *                  name containing ".h5" gets an HDF5 result instead of the
+ *                  text file (docs/hdf5-results.md); else a name containing
+ *                  ".gz" is written through "gzip -fc". The decompressors are
+ *                  started without a shell, so any character in the name is
+ *                  taken literally. The caller's buffer is copied.
  *  3 unused        never read; keeps the argument positions.
  *  4 useOpenMP     nonzero: as many worker slots as omp_get_max_threads(); zero: one.
  *  5 numThreads    threads of each parallel region; values below 2 mean 1.

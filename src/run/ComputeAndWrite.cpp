@@ -12,6 +12,7 @@
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "output/Hdf5Consumer.h"
 #include "output/ViewFactorWriter.h"
 #include "run/OutputSink.h"
 #include "viewfactor/ViewFactorRow.h"
@@ -37,6 +38,33 @@ void reportProgress(const RunSetup& run, uint64_t start, uint64_t count) {
     }
 }
 
+// Starts the HDF5 result and delivers the model to it: the same content as the
+// head sections of a text result. Null after printing the error line.
+std::unique_ptr<Hdf5Delivery> startHdf5Result(const RunSetup& run, const RunParameters& parameters,
+                                              const NodeArray& nodes, const FaceSet& allFaces,
+                                              const ZoneTable& zones,
+                                              const std::vector<int32_t>& activeGlobs) {
+    Hdf5Consumer* consumer = Hdf5Consumer::instance();
+    auto delivery = consumer ? consumer->startResult(run.outputName) : nullptr;
+    if (!delivery) {
+        std::cerr << "error: couldn't open output file: " << run.outputName << std::endl;
+        return nullptr;
+    }
+    Hdf5ResultWriter& file = delivery->writer();
+    file.writeSizes(run.size1, run.size2, run.zoneCount, run.globCount, run.dimension,
+                    run.headerData, run.headerFlag);
+    file.writeParameters(parameters);
+    file.writeNodes(run.nodeCoordinates, nodes);
+    file.writeZones(zones);
+    file.writeFaces(allFaces);
+    file.beginRows(activeGlobs, run.globCount);
+    if (!file.ok()) {
+        std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
+        return nullptr;
+    }
+    return delivery;
+}
+
 }  // namespace
 
 bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
@@ -52,7 +80,11 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
         if (globs.globActive[g]) activeGlobs.push_back(g);
 
     std::unique_ptr<OutputSink> sink;
-    if (!run.hdf5Output) {
+    std::unique_ptr<Hdf5Delivery> hdf5;
+    if (run.hdf5Output) {
+        hdf5 = startHdf5Result(run, parameters, nodes, allFaces, zones, activeGlobs);
+        if (!hdf5) return false;
+    } else {
         sink = std::make_unique<OutputSink>(run.outputName, run.binaryOutput);
         if (!sink->ok()) {
             std::cerr << "error: couldn't open output file: " << run.outputName << std::endl;
@@ -96,12 +128,23 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
         // Written by this thread alone, in list order, whatever the threads' timing.
         for (int32_t i = 0; i < chunk; ++i) {
             if (sink) writeRow(sink->stream(), run.binaryOutput, rows[i]);
+            else hdf5->writer().appendRow(rows[i]);
             rows[i].clear();
+        }
+        // A result that can no longer be written is not worth the remaining rows.
+        if (hdf5 && !hdf5->writer().ok()) {
+            std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
+            return false;
         }
         reportProgress(run, static_cast<uint64_t>(start), static_cast<uint64_t>(count));
     }
 
-    if (!sink) return true;
+    // The HDF5 result ends without the closing line and the 100 % line.
+    if (hdf5) {
+        if (hdf5->commit()) return true;
+        std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
+        return false;
+    }
     sink->stream() << "))" << std::endl;
     if (!sink->commit()) {
         std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;

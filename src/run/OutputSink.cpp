@@ -2,22 +2,16 @@
 #include "run/OutputSink.h"
 
 #include <csignal>
-#include <cstdlib>
-#include <ctime>
-#include <fcntl.h>
-#include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <pstreams/pstream.h>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include "output/ReplacementFile.h"
 #include "run/InputSource.h"
 
 namespace hemiray {
-
-namespace fs = std::filesystem;
 
 // A gzip that dies mid-run (a full disk) would turn our next write into SIGPIPE,
 // which ends the host process. Blocking the signal on this thread, the only one
@@ -46,38 +40,9 @@ struct OutputSink::PipeSignalGuard {
     }
 };
 
-namespace {
-
-// The file the name designates: a symbolic link is followed, so that the result
-// replaces the linked file and the link survives.
-std::string resolveTarget(const std::string& name) {
-    std::error_code ec;
-    if (fs::is_symlink(name, ec)) {
-        const fs::path resolved = fs::weakly_canonical(name, ec);
-        if (!ec) return resolved.string();
-    }
-    return name;
-}
-
-// A fresh file in the target's directory (so that the final move is a rename within
-// one file system), created exclusively so that nothing is clobbered. Its name does
-// not grow with the target's, which may already be as long as names can be.
-std::string createPartialFile(const std::string& target) {
-    const fs::path directory = fs::path(target).parent_path();
-    std::string pattern = (directory / ".hemiray-partial-XXXXXX").string();
-    const int fd = mkstemp(pattern.data());
-    if (fd < 0) return {};
-    close(fd);
-    return pattern;
-}
-
-}  // namespace
-
 OutputSink::OutputSink(const std::string& name, bool binary)
-    : target_(resolveTarget(name)), isPipe_(namesGzip(name)) {
-    // An existing result file we may not write stays unwritable for us, even though
-    // the directory would let us replace it.
-    if (access(target_.c_str(), F_OK) == 0 && access(target_.c_str(), W_OK) != 0) return;
+    : target_(resolveReplacementTarget(name)), isPipe_(namesGzip(name)) {
+    if (!mayReplace(target_)) return;
     partial_ = createPartialFile(target_);
     if (partial_.empty()) return;
 
@@ -127,15 +92,7 @@ bool OutputSink::commit() {
     signalGuard_.reset();
     if (!written) return false;
 
-    // Keep the permissions of the file being replaced.
-    struct stat previous {};
-    if (stat(target_.c_str(), &previous) == 0) chmod(partial_.c_str(), previous.st_mode & 07777);
-    else {
-        const mode_t mask = umask(0);
-        umask(mask);
-        chmod(partial_.c_str(), 0666 & ~mask);
-    }
-    if (std::rename(partial_.c_str(), target_.c_str()) != 0) return false;
+    if (!publishPartialFile(partial_, target_)) return false;
     committed_ = true;
     return true;
 }

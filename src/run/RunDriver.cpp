@@ -115,7 +115,8 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
     if (readFromFile) {
         readMeshSections(*input, run.nodeCoordinates, nodes, allFaces, participatingFaces, zones);
         // Closing the input here (or waiting for its decompressor) frees the name for
-        // the result. An HDF5 result has its own name, and the input stays open with it.
+        // the result. An HDF5 result is written beside the input and renamed over it,
+        // so the input may stay open until the run ends.
         if (!run.hdf5Output) input.reset();
     } else {
         readBlockMesh(block, dimension, nodes, allFaces, participatingFaces, zones);
