@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <omp.h>
 #include <vector>
 
 #include "Hemisphere"
@@ -65,6 +66,19 @@ std::unique_ptr<Hdf5Delivery> startHdf5Result(const RunSetup& run, const RunPara
     return delivery;
 }
 
+// How many blocks of `slots` rows one parallel region computes. More blocks per
+// region mean fewer joins and less waiting for the slowest glob of a block; the
+// bound is the memory of the rows, each as wide as the glob count, and keeping
+// progress lines and write failures timely.
+int32_t blocksPerParallelRegion(int32_t slots, int32_t globCount, int32_t activeCount) {
+    constexpr int64_t rowMemoryBudget = 64ll << 20;  // bytes for all rows of a batch
+    constexpr int64_t maxRowsPerBatch = 256;
+    const int64_t rowBytes = std::max<int64_t>(globCount, 1) * int64_t{sizeof(double) + 2 * sizeof(int32_t)};
+    int64_t rowsPerBatch = std::min(maxRowsPerBatch, rowMemoryBudget / rowBytes);
+    rowsPerBatch = std::min<int64_t>(rowsPerBatch, std::max(activeCount, 1));
+    return static_cast<int32_t>(std::max<int64_t>(1, rowsPerBatch / slots));
+}
+
 }  // namespace
 
 bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
@@ -106,37 +120,52 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
     const BspNode tree(run.dimension, &mesh, true);
 
     std::cout << "# Calculate and write view factors..." << std::endl;
-    // One row per slot, allocated once and reused for every block.
-    std::vector<SparseRowVector> rows(static_cast<size_t>(run.slotCount));
+    const int32_t count = static_cast<int32_t>(activeGlobs.size());
+    const int32_t slots = run.slotCount;
+    const int32_t blocksPerBatch = blocksPerParallelRegion(slots, run.globCount, count);
+    // One row per slot of a batch, allocated once and reused for every batch.
+    std::vector<SparseRowVector> rows(static_cast<size_t>(slots) * blocksPerBatch);
     for (auto& row : rows) row.resize(run.globCount);
 
-    const int32_t count = static_cast<int32_t>(activeGlobs.size());
     const int32_t dimension = run.dimension;
     const FaceSet& faces = participatingFaces;
-    for (int32_t start = 0; start < count; start += run.slotCount) {
-        const int32_t chunk = std::min(run.slotCount, count - start);
-        // Slot i goes to thread i modulo the team size, so the faces each thread
-        // handles, and with them its random draws, are fixed for a thread count.
+    for (int32_t batchStart = 0; batchStart < count; batchStart += slots * blocksPerBatch) {
+        const int32_t batchEnd = std::min(count, batchStart + slots * blocksPerBatch);
+        // Rows go to threads in blocks of `slots` globs: slot i of every block goes to
+        // thread i modulo the team size, and each thread takes its slots block after
+        // block in increasing order. That fixes which globs, in which order, draw from
+        // each thread's generator for a given thread count. Several blocks share one
+        // parallel region, with no barrier between them: threads then neither wait
+        // for the slowest glob of every block nor spin through thousands of joins.
 #pragma omp parallel num_threads(run.numThreads) default(none) \
-    shared(chunk, activeGlobs, start, dimension, hemisphere, faces, globs, zones, tree, rows)
+    shared(batchStart, batchEnd, slots, activeGlobs, dimension, hemisphere, faces, globs, \
+               zones, tree, rows)
         {
-#pragma omp for schedule(static, 1)
-            for (int32_t i = 0; i < chunk; ++i)
-                computeViewFactorRow(activeGlobs[start + i], dimension, hemisphere, faces, globs,
-                                     zones, tree, rows[i]);
+            const int32_t team = omp_get_num_threads();
+            const int32_t thread = omp_get_thread_num();
+            for (int32_t blockStart = batchStart; blockStart < batchEnd; blockStart += slots) {
+                const int32_t chunk = std::min(slots, batchEnd - blockStart);
+                for (int32_t i = thread; i < chunk; i += team)
+                    computeViewFactorRow(activeGlobs[blockStart + i], dimension, hemisphere,
+                                         faces, globs, zones, tree, rows[blockStart - batchStart + i]);
+            }
         }
         // Written by this thread alone, in list order, whatever the threads' timing.
-        for (int32_t i = 0; i < chunk; ++i) {
-            if (sink) writeRow(sink->stream(), run.binaryOutput, rows[i]);
-            else hdf5->writer().appendRow(rows[i]);
-            rows[i].clear();
+        for (int32_t blockStart = batchStart; blockStart < batchEnd; blockStart += slots) {
+            const int32_t chunk = std::min(slots, batchEnd - blockStart);
+            for (int32_t i = 0; i < chunk; ++i) {
+                SparseRowVector& row = rows[blockStart - batchStart + i];
+                if (sink) writeRow(sink->stream(), run.binaryOutput, row);
+                else hdf5->writer().appendRow(row);
+                row.clear();
+            }
+            // A result that can no longer be written is not worth the remaining rows.
+            if (hdf5 && !hdf5->writer().ok()) {
+                std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
+                return false;
+            }
+            reportProgress(run, static_cast<uint64_t>(blockStart), static_cast<uint64_t>(count));
         }
-        // A result that can no longer be written is not worth the remaining rows.
-        if (hdf5 && !hdf5->writer().ok()) {
-            std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
-            return false;
-        }
-        reportProgress(run, static_cast<uint64_t>(start), static_cast<uint64_t>(count));
     }
 
     // The HDF5 result ends without the closing line and the 100 % line.
