@@ -156,9 +156,9 @@ void addCubeSurface(Mesh& mesh, int res, bool inward, bool triangles, Position p
 
 // 3D enclosure of (2 x 1.3 x 1) around an obstacle; 6 res^2 walls cells outside and
 // 6 innerRes^2 inside (each cell one quad or two triangles).
-inline std::unique_ptr<Mesh> enclosure(Kind kind, int res, int innerRes, uint64_t seed) {
+inline std::unique_ptr<Mesh> enclosure(Kind kind, int res, int innerRes, uint64_t stream) {
     auto mesh = std::make_unique<Mesh>(kind);
-    Rng rng(seed);
+    Rng rng(stream);
     const bool triangles = kind == Kind::Triangles;
     const Vec3 scale(2.0, 1.3, 1.0);
     const Vec3 offset(-0.7, 0.2, -0.45);
@@ -195,9 +195,9 @@ inline std::unique_ptr<Mesh> enclosure(Kind kind, int res, int innerRes, uint64_
 
 // Planar: a star-shaped outer ring of `outer` segments around an inner polygon of
 // `inner` segments, stretched by 1.6 in x.
-inline std::unique_ptr<Mesh> ring(int outer, int inner, uint64_t seed) {
+inline std::unique_ptr<Mesh> ring(int outer, int inner, uint64_t stream) {
     auto mesh = std::make_unique<Mesh>(Kind::Planar);
-    Rng rng(seed);
+    Rng rng(stream);
     const Vec3 center(0.3, -0.2, 0.0);
     mesh->xScale = 1.6;
     // The radius wobbles smoothly with the angle, plus a jitter of a fraction of a
@@ -232,9 +232,9 @@ inline std::unique_ptr<Mesh> ring(int outer, int inner, uint64_t seed) {
 // Axisymmetric vessel from x = 0 to x = 3 + head; `wall` wall segments, `head`
 // segments in each head. The wall radius varies gently so that every wall segment is
 // shallow; the ellipsoidal head bulges outwards.
-inline std::unique_ptr<Mesh> vessel(int wall, int head, uint64_t seed) {
+inline std::unique_ptr<Mesh> vessel(int wall, int head, uint64_t stream) {
     auto mesh = std::make_unique<Mesh>(Kind::Axisymmetric);
-    Rng rng(seed);
+    Rng rng(stream);
     const double length = 3.0;
     const double headDepth = 0.6;
     const double phase0 = uniform(rng, 0, 2 * std::numbers::pi);
@@ -279,15 +279,15 @@ inline std::unique_ptr<Mesh> vessel(int wall, int head, uint64_t seed) {
 }
 
 // A mesh of each kind with about `faces` faces.
-inline std::unique_ptr<Mesh> withFaceCount(Kind kind, int faces, uint64_t seed) {
+inline std::unique_ptr<Mesh> withFaceCount(Kind kind, int faces, uint64_t stream) {
     switch (kind) {
         case Kind::Axisymmetric: {
             const int head = std::max(2, faces / 20);
-            return vessel(std::max(4, faces - 2 * head - 3), head, seed);
+            return vessel(std::max(4, faces - 2 * head - 3), head, stream);
         }
         case Kind::Planar: {
             const int inner = std::max(3, faces / 5);
-            return ring(std::max(8, faces - inner), inner, seed);
+            return ring(std::max(8, faces - inner), inner, stream);
         }
         case Kind::Triangles:
         case Kind::Quads: {
@@ -295,7 +295,7 @@ inline std::unique_ptr<Mesh> withFaceCount(Kind kind, int faces, uint64_t seed) 
             const double cells = kind == Kind::Triangles ? faces / 12.0 : faces / 6.0;
             const int res = std::max(2, static_cast<int>(std::lround(std::sqrt(cells * 0.9))));
             const int innerRes = std::max(1, static_cast<int>(std::lround(res / 3.0)));
-            return enclosure(kind, res, innerRes, seed);
+            return enclosure(kind, res, innerRes, stream);
         }
     }
     return nullptr;
@@ -401,8 +401,8 @@ inline Ray randomRay(const Mesh& mesh, Rng& rng) {
     }
 }
 
-inline std::vector<Ray> randomRays(const Mesh& mesh, int count, uint64_t seed) {
-    Rng rng(seed);
+inline std::vector<Ray> randomRays(const Mesh& mesh, int count, uint64_t stream) {
+    Rng rng(stream);
     std::vector<Ray> rays(static_cast<size_t>(count));
     for (Ray& ray : rays) ray = randomRay(mesh, rng);
     return rays;
