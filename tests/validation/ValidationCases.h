@@ -56,7 +56,7 @@ struct CaseResult {
     double worstClosure = -1;      // largest |row sum - 1| over the rows; -1 when not closed
     double worstReciprocity = -1;  // largest |A_S F_ST - A_T F_TS| / mean; -1 without pairs
     long long rays = 0;            // emitted rays (faces x directions), reflections not counted
-    double seconds = 0;            // wall time of the rows
+    double seconds = 0;            // CPU time of the rows (calling thread)
 
     double maxError() const;          // largest |computed - analytic|
     double maxRelativeError() const;  // largest |computed - analytic| / analytic (analytic > 0)

@@ -6,8 +6,8 @@
 //   comparisons.csv  every compared view factor: computed, closed form, mesh reference
 //   refinement.csv   cases whose error levels off, on coarser and finer meshes
 //   equivalence.csv  reduced models against their full models
-// Rows are computed on the calling thread, one after the other, so the seconds are
-// single-core times.
+// Rows are computed on the calling thread, one after the other, and timed by that
+// thread's CPU time: single-core seconds that hold on a shared machine.
 //
 // Usage: hemiray_validate [--out DIR] [--resolutions 4,8,...] [--mode planar,3d]
 //                         [--part cases|refinement|equivalence|all] [--quick]
@@ -33,7 +33,7 @@ using namespace hemiray::validation;
 
 struct Options {
     std::string out = "validation-out";
-    std::vector<int> resolutions = {4, 8, 16, 32, 64, 128, 200};
+    std::vector<int> resolutions = {4, 8, 12, 16, 24, 32, 48, 64, 96, 128, 200};
     std::vector<std::string> modes = {"planar", "axisymmetric", "3d"};
     std::string part = "all";
     bool quick = false;  // meshes a quarter of the size, for a smoke run
