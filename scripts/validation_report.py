@@ -11,6 +11,7 @@ given, rewrites the text between its "<!-- BEGIN GENERATED name -->" and
 """
 
 import csv
+import math
 import os
 import re
 import subprocess
@@ -165,6 +166,11 @@ def plot(convergence, image_dir):
                             r["resolution"], max(float(r["max_abs_error"]), 1e-16),
                             max(float(r["sampling_error"]), 1e-16), max(float(r["seconds"]), 1e-4)))
                 files.append((path, name))
+            # A decade of room below the data holds the key.
+            values = [max(float(r[f]), 1e-16) for lines in cases.values() for r in lines
+                      for f in ("max_abs_error", "sampling_error")]
+            low = 10.0 ** (math.floor(math.log10(min(values))) - 1)
+            high = 10.0 ** math.ceil(math.log10(max(values)))
             image = os.path.join(image_dir, f"validation-{mode}.png")
             script = [
                 'set terminal pngcairo size 1800,620 font "DejaVu Sans,12" linewidth 1.5',
@@ -178,7 +184,8 @@ def plot(convergence, image_dir):
                 "set logscale xy",
                 "set grid xtics ytics mxtics mytics lc rgb '#dddddd'",
                 "set format y '10^{%L}'",
-                "set key top right font ',10' samplen 2 spacing 1.1",
+                "set key bottom left font ',10' samplen 2 spacing 1.1",
+                f"set yrange [{low:g}:{high:g}]",
                 "set ylabel 'largest |F − F_{exact}|'",
                 "set xlabel 'hemisphere resolution R'",
                 "set xrange [3:260]",
@@ -192,13 +199,12 @@ def plot(convergence, image_dir):
 
             script.append(curves("1:2"))
             script += ["set title 'sampling error: against the mean of the exact point factors'",
-                       "set key bottom left",
                        "set ylabel 'largest |F − F_{mesh}|'"]
             slopes = (", \\\n     0.3/x lw 1 dt 2 lc rgb '#888888' title '0.3 / R', "
                       "0.3/x**2 lw 1 dt 3 lc rgb '#444444' title '0.3 / R^2'")
             script.append(curves("1:3", slopes))
             script += ["set title 'error against run time'", "set xlabel 'CPU seconds for the rows (one core)'",
-                       "set ylabel 'largest |F − F_{exact}|'", "set autoscale x", "set key top right",
+                       "set ylabel 'largest |F − F_{exact}|'", "set autoscale x",
                        "set format x '10^{%L}'"]
             script.append(curves("4:2"))
             script.append("unset multiplot")
