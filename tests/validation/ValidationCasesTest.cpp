@@ -138,7 +138,7 @@ struct Expectation {
     std::function<Case()> build;
     int resolution;
     double samplingBound;  // on |F - F_mesh|
-    uint32_t seeds;        // generator states tried (3D); 1 elsewhere
+    uint32_t states;       // generator states tried (3D); 1 elsewhere
 };
 
 void PrintTo(const Expectation& e, std::ostream* os) { *os << e.label << " R " << e.resolution; }
@@ -148,7 +148,7 @@ class ValidationCase : public ::testing::TestWithParam<Expectation> {};
 TEST_P(ValidationCase, MatchesTheClosedForms) {
     const Expectation& e = GetParam();
     const Case c = e.build();
-    for (uint32_t state = 1; state <= e.seeds; ++state) {
+    for (uint32_t state = 1; state <= e.states; ++state) {
         const CaseResult r = evaluate(c, e.resolution, state);
         ASSERT_EQ(r.comparisons.size(), c.comparisons.size());
         for (size_t k = 0; k < r.comparisons.size(); ++k) {
