@@ -109,6 +109,7 @@ extern "C" {
  *   "face nodes overrun the face node count"        the faces hold more nodes
  *   "face nodes fall short of the face node count"  the faces hold fewer nodes
  *   "node number out of range"                      not 0 <= index < nodeCount
+ *   "node coordinate is not a finite number"        an infinity or a NaN
  * A null meshData is a failed call ("error: no mesh data given"), not a bad block.
  * Pointers in a direct block take 8 bytes: direct blocks exist on 64-bit hosts.
  */

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstddef>
+#include <cmath>
 #include <cstring>
 #include <type_traits>
 
@@ -194,8 +195,14 @@ void readBlockNodes(const MeshBlockView& block, int32_t dimension, NodeArray& no
     const int coordinates = dimension == 3 ? 3 : 2;
     nodes.assign(static_cast<size_t>(block.nodeCount), Vec3());
     for (int64_t nodeIndex = 0; nodeIndex < block.nodeCount; ++nodeIndex)
-        for (int k = 0; k < coordinates; ++k)
-            nodes[static_cast<size_t>(nodeIndex)][k] = load<double>(block.nodes, 3 * nodeIndex + k);
+        for (int k = 0; k < coordinates; ++k) {
+            // Text cannot spell an infinity or a NaN, a host's array can. One such
+            // node would stretch the tree's root box to infinity or poison the
+            // faces around it, so the block is refused like unreadable text.
+            const double value = load<double>(block.nodes, 3 * nodeIndex + k);
+            if (!std::isfinite(value)) reportInputError("node coordinate is not a finite number");
+            nodes[static_cast<size_t>(nodeIndex)][k] = value;
+        }
 }
 
 void readBlockFaces(const MeshBlockView& block, FaceSet& allFaces, FaceSet& participatingFaces,
