@@ -50,6 +50,22 @@ bool checkGlobCount(int32_t globCount, int32_t faceCount) {
     return true;
 }
 
+// Node numbers are stored as read; one outside the node array (a 0 in the text
+// becomes -1) would send the geometry past the array. Only participating faces
+// are ever measured or traced, so only they are checked.
+bool checkFaceNodes(const FaceSet& faces, size_t nodeCount) {
+    for (int32_t f = 0; f < faces.faceCount(); ++f)
+        for (int32_t k = faces.faceNodeStart[f]; k < faces.faceNodeStart[f + 1]; ++k) {
+            const int32_t node = faces.faceNodes[k];
+            if (node >= 0 && static_cast<size_t>(node) < nodeCount) continue;
+            std::cerr << "error: face " << faces.faceId[f] + 1 << " refers to node "
+                      << static_cast<int64_t>(node) + 1 << ", outside the " << nodeCount
+                      << " nodes of the mesh" << std::endl;
+            return false;
+        }
+    return true;
+}
+
 }  // namespace
 
 bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string& outputName,
@@ -123,6 +139,7 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
     }
 
     if (!checkGlobCount(run.globCount, allFaces.faceCount())) return false;
+    if (!checkFaceNodes(participatingFaces, nodes.size())) return false;
     if (!computeAndWrite(run, parameters, nodes, allFaces, participatingFaces, zones)) return false;
 
     const double cpuSeconds = static_cast<double>(std::clock()) / CLOCKS_PER_SEC -
