@@ -3,7 +3,6 @@
 // for every example case and for text that exercises the readers' odd corners.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,43 +17,6 @@
 
 namespace hemiray {
 namespace {
-
-// Doubles compared by their bits, so that -0 and 0 differ as they do in the result
-// file.
-template <typename T>
-bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
-
-void expectSameFaces(const FaceSet& a, const FaceSet& b) {
-    EXPECT_EQ(a.dimension, b.dimension);
-    EXPECT_EQ(a.faceNodeStart, b.faceNodeStart);
-    EXPECT_EQ(a.faceNodes, b.faceNodes);
-    EXPECT_EQ(a.faceGlob, b.faceGlob);
-    EXPECT_EQ(a.faceId, b.faceId);
-    EXPECT_EQ(a.faceZoneType, b.faceZoneType);
-    EXPECT_EQ(a.faceZoneIndex, b.faceZoneIndex);
-}
-
-void expectSameMesh(const test::Mesh& a, const test::Mesh& b) {
-    EXPECT_TRUE(sameBits(a.nodes, b.nodes));
-    expectSameFaces(a.allFaces, b.allFaces);
-    expectSameFaces(a.participatingFaces, b.participatingFaces);
-    const ZoneTable& x = a.zones;
-    const ZoneTable& y = b.zones;
-    EXPECT_EQ(x.zoneFaceStart, y.zoneFaceStart);
-    EXPECT_EQ(x.zoneId, y.zoneId);
-    EXPECT_EQ(x.zoneType, y.zoneType);
-    EXPECT_EQ(x.zoneElementType, y.zoneElementType);
-    EXPECT_EQ(x.zoneFirst, y.zoneFirst);
-    EXPECT_EQ(x.zoneLast, y.zoneLast);
-    EXPECT_EQ(x.periodicType, y.periodicType);
-    EXPECT_EQ(x.periodicShadow, y.periodicShadow);
-    EXPECT_TRUE(sameBits(x.periodicAngle, y.periodicAngle));
-    EXPECT_TRUE(sameBits(x.periodicAxisA, y.periodicAxisA));
-    EXPECT_TRUE(sameBits(x.periodicAxisB, y.periodicAxisB));
-    EXPECT_TRUE(sameBits(x.periodicShift, y.periodicShift));
-}
 
 // Reads the text as a run does.
 void readText(const std::string& text, SizeSection& sizes, RunParameters& parameters,
@@ -93,12 +55,12 @@ void expectBlockMatchesText(const std::string& text, int32_t dimension) {
             copyParameterBlock(view.parameters, fromBlock);
         else
             readBlockParameters(view, fromBlock);
-        EXPECT_EQ(std::memcmp(&fromBlock, &parameters, sizeof parameters), 0);
+        EXPECT_EQ(test::fields(fromBlock), test::fields(parameters));
 
         test::Mesh mesh(dimension);
         readBlockMesh(view, view.dimension, mesh.nodes, mesh.allFaces, mesh.participatingFaces,
                       mesh.zones);
-        expectSameMesh(mesh, fromText);
+        test::expectSameMesh(mesh, fromText);
     }
 }
 
