@@ -91,23 +91,25 @@ inline Hdf5Array readDataset(const Hdf5File& file, const std::string& path,
 }
 
 // A scalar int32 or float64 attribute.
-inline int64_t intAttribute(const Hdf5File& file, const std::string& path, const char* name) {
-    const Hdf5Array a = readDataset(file, path, name);
+inline int64_t intAttribute(const Hdf5File& file, const std::string& path,
+                            const std::string& name) {
+    const Hdf5Array a = readDataset(file, path, name.c_str());
     EXPECT_TRUE(a.typeClass == H5T_INTEGER && a.typeSize == 4 && a.dims.empty()) << name;
     return a.integer.empty() ? -999 : a.integer[0];
 }
 
-inline double doubleAttribute(const Hdf5File& file, const std::string& path, const char* name) {
-    const Hdf5Array a = readDataset(file, path, name);
+inline double doubleAttribute(const Hdf5File& file, const std::string& path,
+                              const std::string& name) {
+    const Hdf5Array a = readDataset(file, path, name.c_str());
     EXPECT_TRUE(a.typeClass == H5T_FLOAT && a.typeSize == 8 && a.dims.empty()) << name;
     return a.real.empty() ? -999 : a.real[0];
 }
 
 // A fixed-length string attribute, read into a buffer of its own size.
 inline std::string stringAttribute(const Hdf5File& file, const std::string& path,
-                                   const char* name) {
+                                   const std::string& name) {
     const hid_t attribute =
-        H5Aopen_by_name(file.id(), path.c_str(), name, H5P_DEFAULT, H5P_DEFAULT);
+        H5Aopen_by_name(file.id(), path.c_str(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT);
     EXPECT_GE(attribute, 0) << "no attribute " << name;
     if (attribute < 0) return {};
     const hid_t type = H5Aget_type(attribute);
