@@ -3,6 +3,7 @@
 // nearest hit of all faces tested one by one with intersectFace.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <iostream>
 #include <limits>
 #include <sstream>
@@ -66,7 +67,17 @@ TEST_P(TreeVsBruteForce, TreeFindsTheNearestFaceOfAllFaces) {
     auto* previous = std::cout.rdbuf(depthLine.rdbuf());
     const BspNode root(mesh->faces.dimension, &view, true);
     std::cout.rdbuf(previous);
-    ASSERT_FALSE(root.isLeaf());
+    // The tree splits every axis it measures somewhere, the radius of axisymmetric
+    // runs (a cylinder) included, so that every kind of split plane is crossed.
+    std::vector<bool> splitAxes(3, false);
+    const std::function<void(const BspNode&)> collect = [&](const BspNode& node) {
+        if (node.isLeaf()) return;
+        splitAxes[size_t(node.splitAxis)] = true;
+        collect(*node.child[0]);
+        collect(*node.child[1]);
+    };
+    collect(root);
+    EXPECT_EQ(splitAxes, (std::vector<bool>{true, true, root.axisCount == 3}));
 
     constexpr int rayCount = 100000;
     meshes::Rng rng(7 + static_cast<uint64_t>(kind));
@@ -109,9 +120,6 @@ TEST_P(TreeVsBruteForce, TreeFindsTheNearestFaceOfAllFaces) {
     // nodes only; many misses would mean a broken generator, not a tested tree.
     EXPECT_LT(misses, rayCount / 1000) << "misses";
     RecordProperty("ties", ties);
-    RecordProperty("misses", misses);
-    std::cout << meshes::nameOf(kind) << ": " << mesh->faces.faceCount() << " faces, "
-              << ties << " ties, " << misses << " misses\n";
 }
 
 INSTANTIATE_TEST_SUITE_P(AllModes, TreeVsBruteForce,

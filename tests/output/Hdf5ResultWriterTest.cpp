@@ -1,8 +1,12 @@
 // The HDF5 result writer against the documented layout, read back with the bare
-// HDF5 library: names, stored types, shapes, chunked growth of the row arrays, and
-// every value of a hand-built model and of rows generated from a formula.
+// HDF5 library: names, stored types, shapes and every value of a hand-built model;
+// rows appended through several buffer flushes; an empty model; the row count
+// against the announced globs; and a disk that fills up. Whole ".h5" runs are in
+// Hdf5OutputTest.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -30,129 +34,96 @@ void appendFace(FaceSet& faces, int32_t faceNumber, std::initializer_list<int32_
     addFace(faces, zoneType, zoneIndex);
 }
 
-// Three zones: a quad wall, a periodic zone with a face without nodes, and its
-// shadow. Face numbers start at 5 so that they differ from positions.
-struct SmallModel {
-    NodeArray nodes{{0.5, -1.25, 3.0}, {1e-9, 2.0, -7.5}, {4.0, 4.5, 5.0}, {-0.0, 6.25, 1e12}};
-    FaceSet allFaces{3, nodes};
-    ZoneTable zones{3};
+TEST(Hdf5ResultWriter, ModelIsStoredUnderTheDocumentedNamesAndTypes) {
+    // Three zones: a quad wall, a periodic zone with a face without nodes, and its
+    // shadow. Face numbers start at 5 so that they differ from positions.
+    const NodeArray nodes{
+        {0.5, -1.25, 3.0}, {1e-9, 2.0, -7.5}, {4.0, 4.5, 5.0}, {-0.0, 6.25, 1e12}};
+    FaceSet allFaces(3, nodes);
+    ZoneTable zones(3);
+    addZone(zones, 11, 5, 6, 3, 4);
+    appendFace(allFaces, 5, {0, 1, 2, 3}, 3, 0);
+    appendFace(allFaces, 6, {3, 2, 1, 0}, 3, 0);
+    addZone(zones, 12, 7, 8, zoneTypePeriodic, 0);
+    appendFace(allFaces, 7, {0, 1, 2}, zoneTypePeriodic, 1);
+    appendFace(allFaces, 8, {}, zoneTypePeriodic, 1);
+    addZone(zones, 13, 9, 9, zoneTypePeriodicShadow, 3);
+    appendFace(allFaces, 9, {1, 2, 3}, zoneTypePeriodicShadow, 2);
+    allFaces.faceGlob = {0, 1, -1, -1, 2};
+    zones.periodicShadow[1] = 2;
+    zones.periodicType = {0, 1, 1};
+    zones.periodicAngle = {0, 0.5, -0.5};
+    zones.periodicAxisA[1] = {1, 2, 3};
+    zones.periodicAxisB[1] = {0, 0, 1};
+    zones.periodicShift[2] = {-4, 0.125, 8};
 
-    SmallModel() {
-        addZone(zones, 11, 5, 6, 3, 4);
-        appendFace(allFaces, 5, {0, 1, 2, 3}, 3, 0);
-        appendFace(allFaces, 6, {3, 2, 1, 0}, 3, 0);
-        addZone(zones, 12, 7, 8, zoneTypePeriodic, 0);
-        appendFace(allFaces, 7, {0, 1, 2}, zoneTypePeriodic, 1);
-        appendFace(allFaces, 8, {}, zoneTypePeriodic, 1);
-        addZone(zones, 13, 9, 9, zoneTypePeriodicShadow, 3);
-        appendFace(allFaces, 9, {1, 2, 3}, zoneTypePeriodicShadow, 2);
-        allFaces.faceGlob = {0, 1, -1, -1, 2};
-        zones.periodicShadow[1] = 2;
-        zones.periodicType = {0, 1, 1};
-        zones.periodicAngle = {0, 0.5, -0.5};
-        zones.periodicAxisA[1] = {1, 2, 3};
-        zones.periodicAxisB[1] = {0, 0, 1};
-        zones.periodicShift[2] = {-4, 0.125, 8};
-    }
-};
-
-RunParameters distinctParameters() {
-    RunParameters p;
-    p.param1 = 1;
-    p.hemisphereResolution = 2;
-    p.param3 = 3;
-    p.param4 = 0.25;
-    p.param5 = 5;
-    p.param6 = 6;
-    p.param7 = 1e-3;
-    p.param8 = 8;
-    p.param9 = 9;
-    p.param10 = -1234.5;
-    p.param11 = 11;
-    p.param12 = 12;
-    p.param13 = 13;
-    return p;
-}
-
-void expectInt32(const Hdf5Array& a, const std::vector<int64_t>& expected, const char* what) {
-    EXPECT_EQ(a.typeClass, H5T_INTEGER) << what;
-    EXPECT_EQ(a.typeSize, 4u) << what;
-    EXPECT_EQ(a.order, H5T_ORDER_LE) << what;
-    EXPECT_EQ(a.sign, H5T_SGN_2) << what;
-    EXPECT_EQ(a.dims, std::vector<hsize_t>{expected.size()}) << what;
-    EXPECT_EQ(a.integer, expected) << what;
-}
-
-void expectFloat64(const Hdf5Array& a, const std::vector<hsize_t>& dims,
-                   const std::vector<double>& expected, const char* what) {
-    EXPECT_EQ(a.typeClass, H5T_FLOAT) << what;
-    EXPECT_EQ(a.typeSize, 8u) << what;
-    EXPECT_EQ(a.order, H5T_ORDER_LE) << what;
-    EXPECT_EQ(a.dims, dims) << what;
-    EXPECT_EQ(a.real, expected) << what;
-}
-
-TEST(Hdf5ResultWriter, ModelIsStoredUnderTheDocumentedNames) {
     ScratchDir dir;
     const std::string path = dir.file("r.h5");
-    SmallModel m;
     {
         Hdf5ResultWriter writer(path);
         ASSERT_TRUE(writer.ok());
         writer.writeSizes(7, 8, 3, 3, 3, "mesh \"a\"", true);
-        writer.writeParameters(distinctParameters());
-        writer.writeNodes(2, m.nodes);  // two of the three coordinates
-        writer.writeZones(m.zones);
-        writer.writeFaces(m.allFaces);
+        writer.writeParameters(
+            RunParameters{1, 2, 3, 0.25, 5, 6, 1e-3, 8, 9, -1234.5, 11, 12, 13});
+        writer.writeNodes(2, nodes);  // two of the three coordinates
+        writer.writeZones(zones);
+        writer.writeFaces(allFaces);
         writer.beginRows({}, 3);
         ASSERT_TRUE(writer.close());
     }
     Hdf5File file(path);
     ASSERT_TRUE(file.ok());
     EXPECT_EQ(testing::stringAttribute(file, "/", "format"), "hemiray view factors");
-    EXPECT_EQ(testing::intAttribute(file, "/", "formatVersion"), 1);
-    EXPECT_EQ(testing::intAttribute(file, "/", "size1"), 7);
-    EXPECT_EQ(testing::intAttribute(file, "/", "size2"), 8);
-    EXPECT_EQ(testing::intAttribute(file, "/", "zoneCount"), 3);
-    EXPECT_EQ(testing::intAttribute(file, "/", "globCount"), 3);
-    EXPECT_EQ(testing::intAttribute(file, "/", "dimension"), 3);
     EXPECT_EQ(testing::stringAttribute(file, "/", "headerText"), "mesh \"a\"");
-    EXPECT_EQ(testing::intAttribute(file, "/", "headerFlag"), 1);
-
-    const char* intNames[] = {"param1", "hemisphereResolution", "param3", "param5", "param6",
-                              "param8", "param9", "param11", "param12", "param13"};
-    const int intValues[] = {1, 2, 3, 5, 6, 8, 9, 11, 12, 13};
-    for (int k = 0; k < 10; ++k)
-        EXPECT_EQ(testing::intAttribute(file, "/parameters", intNames[k]), intValues[k]);
+    const std::pair<const char*, int> rootIntegers[] = {
+        {"size1", 7},     {"size2", 8},         {"zoneCount", 3}, {"globCount", 3},
+        {"dimension", 3}, {"formatVersion", 1}, {"headerFlag", 1}};
+    for (const auto& [name, v] : rootIntegers)
+        EXPECT_EQ(testing::intAttribute(file, "/", name), v) << name;
+    const std::pair<const char*, int> parameterIntegers[] = {
+        {"param1", 1}, {"hemisphereResolution", 2}, {"param3", 3}, {"param5", 5},
+        {"param6", 6}, {"param8", 8}, {"param9", 9}, {"param11", 11}, {"param12", 12},
+        {"param13", 13}};
+    for (const auto& [name, v] : parameterIntegers)
+        EXPECT_EQ(testing::intAttribute(file, "/parameters", name), v) << name;
     EXPECT_EQ(testing::doubleAttribute(file, "/parameters", "param4"), 0.25);
     EXPECT_EQ(testing::doubleAttribute(file, "/parameters", "param7"), 1e-3);
     EXPECT_EQ(testing::doubleAttribute(file, "/parameters", "param10"), -1234.5);
 
-    expectFloat64(readDataset(file, "nodes"), {4, 2},
-                  {0.5, -1.25, 1e-9, 2.0, 4.0, 4.5, -0.0, 6.25}, "nodes");
-
-    expectInt32(readDataset(file, "faces/nodeStart"), {0, 4, 8, 11, 11, 14}, "nodeStart");
-    expectInt32(readDataset(file, "faces/nodes"), {0, 1, 2, 3, 3, 2, 1, 0, 0, 1, 2, 1, 2, 3},
-                "faces/nodes");
-    expectInt32(readDataset(file, "faces/glob"), {0, 1, -1, -1, 2}, "glob");
-    expectInt32(readDataset(file, "faces/id"), {5, 6, 7, 8, 9}, "id");
-    expectInt32(readDataset(file, "faces/zone"), {0, 0, 1, 1, 2}, "zone");
-
-    expectInt32(readDataset(file, "zones/id"), {11, 12, 13}, "zones/id");
-    expectInt32(readDataset(file, "zones/first"), {5, 7, 9}, "first");
-    expectInt32(readDataset(file, "zones/last"), {6, 8, 9}, "last");
-    expectInt32(readDataset(file, "zones/type"), {3, 2012, 2008}, "type");
-    expectInt32(readDataset(file, "zones/elementType"), {4, 0, 3}, "elementType");
-    expectInt32(readDataset(file, "zones/faceStart"), {0, 2, 4, 5}, "faceStart");
-    expectInt32(readDataset(file, "zones/periodicType"), {0, 1, 1}, "periodicType");
-    expectInt32(readDataset(file, "zones/periodicShadow"), {-1, 2, -1}, "periodicShadow");
-    expectFloat64(readDataset(file, "zones/periodicAngle"), {3}, {0, 0.5, -0.5}, "angle");
-    expectFloat64(readDataset(file, "zones/periodicAxisA"), {3, 3},
-                  {0, 0, 0, 1, 2, 3, 0, 0, 0}, "axisA");
-    expectFloat64(readDataset(file, "zones/periodicAxisB"), {3, 3},
-                  {0, 0, 0, 0, 0, 1, 0, 0, 0}, "axisB");
-    expectFloat64(readDataset(file, "zones/periodicShift"), {3, 3},
-                  {0, 0, 0, 0, 0, 0, -4, 0.125, 8}, "shift");
+    const auto float64 = [&](const char* name, std::vector<hsize_t> dims,
+                             const std::vector<double>& expected) {
+        const Hdf5Array a = readDataset(file, name);
+        testing::expectFloat64(a, dims, name);
+        // Equal, and with the same sign: -0 stays -0.
+        const auto same = [](double x, double y) {
+            return x == y && std::signbit(x) == std::signbit(y);
+        };
+        EXPECT_TRUE(
+            std::equal(a.real.begin(), a.real.end(), expected.begin(), expected.end(), same))
+            << name;
+    };
+    float64("nodes", {4, 2}, {0.5, -1.25, 1e-9, 2.0, 4.0, 4.5, -0.0, 6.25});
+    float64("zones/periodicAngle", {3}, {0, 0.5, -0.5});
+    float64("zones/periodicAxisA", {3, 3}, {0, 0, 0, 1, 2, 3, 0, 0, 0});
+    float64("zones/periodicAxisB", {3, 3}, {0, 0, 0, 0, 0, 1, 0, 0, 0});
+    float64("zones/periodicShift", {3, 3}, {0, 0, 0, 0, 0, 0, -4, 0.125, 8});
+    const std::pair<const char*, std::vector<int64_t>> integers[] = {
+        {"faces/nodeStart", {0, 4, 8, 11, 11, 14}},
+        {"faces/nodes", {0, 1, 2, 3, 3, 2, 1, 0, 0, 1, 2, 1, 2, 3}},
+        {"faces/glob", {0, 1, -1, -1, 2}},
+        {"faces/id", {5, 6, 7, 8, 9}},
+        {"faces/zone", {0, 0, 1, 1, 2}},
+        {"zones/id", {11, 12, 13}},
+        {"zones/first", {5, 7, 9}},
+        {"zones/last", {6, 8, 9}},
+        {"zones/type", {3, 2012, 2008}},
+        {"zones/elementType", {4, 0, 3}},
+        {"zones/faceStart", {0, 2, 4, 5}},
+        {"zones/periodicType", {0, 1, 1}},
+        {"zones/periodicShadow", {-1, 2, -1}},
+    };
+    for (const auto& [name, expected] : integers)
+        testing::expectInt32(readDataset(file, name), expected, name);
 }
 
 // Row i has i % 13 entries, in columns (i + 7k) % 50, which are distinct for
@@ -193,17 +164,17 @@ TEST(Hdf5ResultWriter, RowsAreCompressedSparseRowsInAppendOrder) {
     Hdf5File file(path);
     ASSERT_TRUE(file.ok());
     EXPECT_EQ(testing::intAttribute(file, "/viewFactors", "globCount"), width);
-    const Hdf5Array globs = readDataset(file, "viewFactors/activeGlobs");
-    EXPECT_EQ(globs.integer, std::vector<int64_t>(active.begin(), active.end()));
-
+    testing::expectInt32(readDataset(file, "viewFactors/activeGlobs"),
+                         std::vector<int64_t>(active.begin(), active.end()), "activeGlobs");
     const Hdf5Array start = readDataset(file, "viewFactors/rowStart");
     EXPECT_EQ(start.typeClass, H5T_INTEGER);
     EXPECT_EQ(start.typeSize, 8u);
     EXPECT_EQ(start.integer, expectedStart);
     const Hdf5Array columns = readDataset(file, "viewFactors/columns");
-    expectInt32(columns, expectedColumns, "columns");
+    testing::expectInt32(columns, expectedColumns, "columns");
     const Hdf5Array values = readDataset(file, "viewFactors/values");
-    expectFloat64(values, {expectedValues.size()}, expectedValues, "values");
+    testing::expectFloat64(values, {expectedValues.size()}, "values");
+    EXPECT_EQ(values.real, expectedValues);
     // Extendible along their one dimension, as rows are appended.
     for (const Hdf5Array* a : {&start, &columns, &values}) {
         EXPECT_TRUE(a->chunked);
@@ -241,37 +212,22 @@ TEST(Hdf5ResultWriter, RowCountMustMatchTheActiveGlobs) {
     SparseRowVector row;
     row.resize(4);
     row.add(2, 0.5);
-    {
-        Hdf5ResultWriter missing(dir.file("missing.h5"));
-        missing.beginRows({0, 1, 2}, 4);
-        missing.appendRow(row);
-        missing.appendRow(row);
-        EXPECT_TRUE(missing.ok());
-        EXPECT_FALSE(missing.close());  // the third row never came
-    }
-    {
-        Hdf5ResultWriter extra(dir.file("extra.h5"));
-        extra.beginRows({3}, 4);
-        extra.appendRow(row);
-        EXPECT_TRUE(extra.ok());
-        extra.appendRow(row);
-        EXPECT_FALSE(extra.ok());
-        EXPECT_FALSE(extra.close());
-    }
-    {
-        Hdf5ResultWriter unbegun(dir.file("unbegun.h5"));
-        unbegun.appendRow(row);
-        EXPECT_FALSE(unbegun.ok());
-    }
-}
-
-TEST(Hdf5ResultWriter, UncreatableFileIsNotOk) {
-    ScratchDir dir;
-    const Hdf5ErrorsSilenced quiet;
-    Hdf5ResultWriter writer(dir.file("no/such/folder/r.h5"));
-    EXPECT_FALSE(writer.ok());
-    writer.beginRows({}, 0);  // skipped, not a crash
-    EXPECT_FALSE(writer.close());
+    Hdf5ResultWriter missing(dir.file("missing.h5"));
+    missing.beginRows({0, 1, 2}, 4);
+    missing.appendRow(row);
+    missing.appendRow(row);
+    EXPECT_TRUE(missing.ok());
+    EXPECT_FALSE(missing.close());  // the third row never came
+    Hdf5ResultWriter extra(dir.file("extra.h5"));
+    extra.beginRows({3}, 4);
+    extra.appendRow(row);
+    EXPECT_TRUE(extra.ok());
+    extra.appendRow(row);
+    EXPECT_FALSE(extra.ok());
+    EXPECT_FALSE(extra.close());
+    Hdf5ResultWriter unbegun(dir.file("unbegun.h5"));
+    unbegun.appendRow(row);
+    EXPECT_FALSE(unbegun.ok());
 }
 
 // Death-test body: writes rows through the safe-write driver under a file-size
@@ -287,25 +243,21 @@ TEST(Hdf5ResultWriter, UncreatableFileIsNotOk) {
     if (driver < 0) std::exit(11);
     Hdf5ResultWriter writer(path, driver);
     constexpr int32_t width = 4000;
-    const std::vector<int32_t> active(2000, 0);
-    writer.beginRows(active, width);
+    writer.beginRows(std::vector<int32_t>(2000, 0), width);
     SparseRowVector row;
     row.resize(width);
     uint64_t state = 1;  // values that do not compress
     int32_t appended = 0;
-    while (appended < 2000 && writer.ok()) {
+    for (; appended < 2000 && writer.ok(); ++appended) {
         for (int32_t j = 0; j < width; ++j) {
             state = state * 6364136223846793005u + 1442695040888963407u;
             row.add(j, static_cast<double>(state >> 11));
         }
         writer.appendRow(row);
         row.clear();
-        ++appended;
     }
     // 2000 rows of 4000 entries are 96 MB; the limit stops them after about 1 MB.
-    if (appended == 2000) std::exit(12);
-    if (writer.close()) std::exit(13);
-    std::exit(0);
+    std::exit(appended == 2000 ? 12 : writer.close() ? 13 : 0);
 }
 
 TEST(Hdf5ResultWriter, DiskFailureStopsTheRowsAndTheFileStillCloses) {

@@ -1,11 +1,11 @@
 // The exported entry point: input selection by name, the size section, the failure
-// lines and results, compressed input and output, and repeated calls.
+// lines and results, the console lines of repeated calls, compressed input and
+// output under names that are never shell syntax, and the output sink.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <sstream>
 
-#include "models/ExampleModels.h"
 #include "run/BlockFromText.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
@@ -14,26 +14,20 @@
 namespace hemiray {
 namespace {
 
+using testing::fileCount;
 using testing::readFile;
 using testing::runLibrary;
 using testing::ScratchDir;
 using testing::writeFile;
 
 // A small planar model: rows need no random numbers, so results are reproducible.
-std::string planarModelText() {
-    models::Model model;
-    EXPECT_TRUE(models::makeExample("polygon", 1, 8, model));
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    return text.str();
-}
+std::string planarModelText() { return testing::exampleText("polygon", 1, 8); }
 
 // Runs a shell command line built only from names the test chose itself.
 void shell(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
 TEST(InputNames, SubstringAnywhereSelectsTheDecompressor) {
     EXPECT_TRUE(namesGzip("mesh.gz.old"));
-    EXPECT_TRUE(namesGzip("a.gz"));
     EXPECT_FALSE(namesGzip("gz"));
     EXPECT_FALSE(namesGzip("a.GZ"));
     EXPECT_TRUE(namesCompress("a.Zip"));
@@ -48,112 +42,92 @@ TEST(SizeSection, ReadsFiveValuesWithOptionalOneWordComment) {
     SizeSection s;
     std::istringstream commented("(0 grid) (10 20 3 400 3)");
     ASSERT_TRUE(readSizeSection(commented, s));
-    EXPECT_EQ(s.size1, 10);
-    EXPECT_EQ(s.size2, 20);
-    EXPECT_EQ(s.zoneCount, 3);
-    EXPECT_EQ(s.globCount, 400);
-    EXPECT_EQ(s.dimension, 3);
-
+    EXPECT_EQ(std::tuple(s.size1, s.size2, s.zoneCount, s.globCount, s.dimension),
+              std::tuple(10, 20, 3, 400, 3));
+    // Extra values go with the section, nothing more.
     std::istringstream extra("(12 20 3 400 3 7) (1 2)");
     ASSERT_TRUE(readSizeSection(extra, s));
     EXPECT_EQ(s.size1, 12);
-    EXPECT_EQ(s.dimension, 3);
     char next = 0;
     extra >> next;
-    EXPECT_EQ(next, '(');  // the trailing 7 went with the section, nothing more
-
-    std::istringstream twoWords("(0 my grid) (10 20 3 400 3)");
-    EXPECT_FALSE(readSizeSection(twoWords, s));
-    std::istringstream noParen("10 20 3 400 3)");
-    EXPECT_FALSE(readSizeSection(noParen, s));
-    std::istringstream truncated("(10 20 3");
-    EXPECT_FALSE(readSizeSection(truncated, s));
-    std::istringstream empty("");
-    EXPECT_FALSE(readSizeSection(empty, s));
+    EXPECT_EQ(next, '(');
+    for (const char* text : {"(0 my grid) (10 20 3 400 3)", "10 20 3 400 3)", "(10 20 3", ""}) {
+        std::istringstream bad(text);
+        EXPECT_FALSE(readSizeSection(bad, s)) << text;
+    }
 }
 
-TEST(EntryPoint, MissingFileFailsWithItsLine) {
+// Each failure: result 0, exactly its lines, the input as it was and nothing else.
+TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
     ScratchDir dir;
     for (const char* name : {"missing", "missing.gz", "missing.Z"}) {
         const auto r = runLibrary(dir.file(name));
         EXPECT_EQ(r.result, 0);
         EXPECT_EQ(r.err, "error: couldn't open input file: " + dir.file(name) + "\n");
-        EXPECT_FALSE(std::filesystem::exists(dir.file(name)));
+        EXPECT_EQ(fileCount(dir.path()), 0u);
     }
-}
-
-TEST(EntryPoint, MalformedSizeSectionFailsAndKeepsTheInput) {
-    ScratchDir dir;
-    for (const std::string text : {"", "(0 my grid) (1 2 3 4 3)", "garbage", "(1 2 3"}) {
-        writeFile(dir.file("m"), text);
-        const auto r = runLibrary(dir.file("m"));
-        EXPECT_EQ(r.result, 0) << text;
-        EXPECT_EQ(r.err, "error: reading size section!\n") << text;
-        EXPECT_EQ(readFile(dir.file("m")), text);
-    }
-}
-
-TEST(EntryPoint, UnreadableParameterSectionWritesNothing) {
-    ScratchDir dir;
-    const std::string text = "(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3";
-    writeFile(dir.file("m"), text);
-    const auto r = runLibrary(dir.file("m"));
-    EXPECT_EQ(r.result, 0);
-    EXPECT_EQ(r.out, "# Read parameter section...\n");
-    EXPECT_EQ(r.err, "error: couldn't calculate view factors!\n");
-    EXPECT_EQ(readFile(dir.file("m")), text);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
-}
-
-TEST(EntryPoint, ImplausibleRunValuesAreRefused) {
-    ScratchDir dir;
     const std::string params = "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n";
-    const std::pair<std::string, std::string> cases[] = {
-        {"(1 0 1 1 4)\n" + params, "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"},
-        {"(1 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", "error: hemisphere resolution -2 is outside 0 to 2048\n"},
-        {"(1 0 1 2000000000 2)\n" + params, "error: glob count 2000000000 in the size section does not fit 0 faces\n"},
-        {"(1 0 1 -1 2)\n" + params, "error: glob count -1 in the size section does not fit 0 faces\n"},
+    const std::string size = "error: reading size section!\n";
+    const std::string failed = "error: couldn't calculate view factors!\n";
+    const char* read = "# Read parameter section...\n";
+    // The size section is read before the run starts; the resolution and the glob
+    // count can only be checked after the parameter section. nullptr: not checked.
+    struct Case {
+        std::string text;
+        const char* out;
+        std::string err;
     };
-    for (const auto& [text, line] : cases) {
-        writeFile(dir.file("m"), text);
+    const Case cases[] = {
+        {"", "", size},
+        {"(0 my grid) (1 2 3 4 3)", "", size},
+        {"garbage", "", size},
+        {"(1 2 3", "", size},
+        {"(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3", read, failed},
+        {"(1 0 1 1 4)\n" + params, nullptr,
+         "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n" +
+             failed},
+        {"(1 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", read,
+         "error: hemisphere resolution -2 is outside 0 to 2048\n" + failed},
+        {"(1 0 1 2000000000 2)\n" + params, read,
+         "error: glob count 2000000000 in the size section does not fit 0 faces\n" + failed},
+        {"(1 0 1 -1 2)\n" + params, read,
+         "error: glob count -1 in the size section does not fit 0 faces\n" + failed},
+    };
+    for (const Case& c : cases) {
+        writeFile(dir.file("m"), c.text);
         const auto r = runLibrary(dir.file("m"));
-        EXPECT_EQ(r.result, 0);
-        EXPECT_EQ(r.err, line + "error: couldn't calculate view factors!\n");
-        EXPECT_EQ(readFile(dir.file("m")), text);
+        EXPECT_EQ(r.result, 0) << c.text;
+        if (c.out) {
+            EXPECT_EQ(testing::withoutTimings(r.out), c.out) << c.text;
+        }
+        EXPECT_EQ(r.err, c.err) << c.text;
+        EXPECT_EQ(readFile(dir.file("m")), c.text);
+        EXPECT_EQ(fileCount(dir.path()), 1u);
     }
-}
-
-TEST(EntryPoint, ConsoleLinesOfASuccessfulRun) {
-    ScratchDir dir;
-    writeFile(dir.file("m"), planarModelText());
-    const auto r = runLibrary(dir.file("m"));
-    ASSERT_EQ(r.result, 1) << r.err;
-    EXPECT_EQ(r.err, "");
-    // 4 segments of the room and 4 of the pillar: 8 faces, so the depth is
-    // trunc(1.2 log2 8) + 2 = 5. One slot, 8 blocks: block b prints k0% when
-    // b + 1 = (8 k) / 10, so 10% never shows and block 3 prints both 50% and 60%.
-    EXPECT_EQ(testing::withoutTimings(r.out),
-              "# Read parameter section...\n"
-              "# Create BSP tree...\n"
-              "# Maximum tree depth = 5\n"
-              "# Calculate and write view factors...\n"
-              "#\t 20% done...\n#\t 30% done...\n#\t 40% done...\n"
-              "#\t 50% done...\n#\t 60% done...\n#\t 70% done...\n#\t 80% done...\n"
-              "#\t 90% done...\n"
-              "#\t100% done!\n");
-    EXPECT_NE(r.out.find("\n# CPU  time: "), std::string::npos);
-    EXPECT_NE(r.out.find(" (s)\n# Wall time: "), std::string::npos);
 }
 
 TEST(EntryPoint, RepeatedCallsPrintTheSameLinesAndWriteTheSameFile) {
     ScratchDir dir;
-    writeFile(dir.file("a"), planarModelText());
-    writeFile(dir.file("b"), planarModelText());
-    const auto first = runLibrary(dir.file("a"));
-    const auto second = runLibrary(dir.file("b"));
-    ASSERT_EQ(first.result, 1);
-    ASSERT_EQ(second.result, 1);
-    EXPECT_EQ(testing::withoutTimings(first.out), testing::withoutTimings(second.out));
+    for (const char* name : {"a", "b"}) {
+        writeFile(dir.file(name), planarModelText());
+        const auto r = runLibrary(dir.file(name));
+        ASSERT_EQ(r.result, 1) << r.err;
+        EXPECT_EQ(r.err, "");
+        // 4 segments of the room and 4 of the pillar: 8 faces, so the depth is
+        // trunc(1.2 log2 8) + 2 = 5. One slot, 8 blocks: block b prints k0% when
+        // b + 1 = (8 k) / 10, so 10% never shows and block 3 prints both 50% and 60%.
+        EXPECT_EQ(testing::withoutTimings(r.out),
+                  "# Read parameter section...\n"
+                  "# Create BSP tree...\n"
+                  "# Maximum tree depth = 5\n"
+                  "# Calculate and write view factors...\n"
+                  "#\t 20% done...\n#\t 30% done...\n#\t 40% done...\n"
+                  "#\t 50% done...\n#\t 60% done...\n#\t 70% done...\n#\t 80% done...\n"
+                  "#\t 90% done...\n"
+                  "#\t100% done!\n");
+        EXPECT_NE(r.out.find("\n# CPU  time: "), std::string::npos);
+        EXPECT_NE(r.out.find(" (s)\n# Wall time: "), std::string::npos);
+    }
     EXPECT_EQ(readFile(dir.file("a")), readFile(dir.file("b")));
 }
 
@@ -174,7 +148,6 @@ TEST(EntryPoint, CompressedInputAndOutput) {
         EXPECT_EQ(readFile(dir.file("out")), expected) << name;
     }
     // compress in (through zcat), plain text out.
-    writeFile(dir.file("src"), text);
     shell("compress -c " + dir.file("src") + " > " + dir.file("m.Z"));
     const auto r = runLibrary(dir.file("m.Z"));
     ASSERT_EQ(r.result, 1) << r.err;
@@ -195,19 +168,19 @@ TEST(EntryPoint, FileNamesAreNeverShellSyntax) {
     };
     for (const auto& name : names) {
         writeFile(dir.file("src"), text);
-        const std::string compressor = name.find(".gz") != std::string::npos ? "gzip" : "compress";
-        std::filesystem::path target = dir.file(name);
-        ASSERT_EQ(std::system((compressor + " -c " + dir.file("src") + " > " + dir.file("tmp")).c_str()), 0);
-        std::filesystem::rename(dir.file("tmp"), target);
-        const auto r = runLibrary(target.string());
+        const bool gzip = name.find(".gz") != std::string::npos;
+        shell((gzip ? "gzip" : "compress") + std::string(" -c ") + dir.file("src") + " > " +
+              dir.file("tmp"));
+        std::filesystem::rename(dir.file("tmp"), dir.file(name));
+        const auto r = runLibrary(dir.file(name));
         ASSERT_EQ(r.result, 1) << name << ": " << r.err;
-        if (compressor == "gzip") {
-            std::filesystem::copy_file(target, dir.file("check.gz"));
+        if (gzip) {
+            std::filesystem::copy_file(dir.file(name), dir.file("check.gz"));
             shell("gzip -d " + dir.file("check.gz"));
             EXPECT_EQ(readFile(dir.file("check")), expected) << name;
             std::filesystem::remove(dir.file("check"));
         } else {
-            EXPECT_EQ(readFile(target.string()), expected) << name;
+            EXPECT_EQ(readFile(dir.file(name)), expected) << name;
         }
         EXPECT_FALSE(std::filesystem::exists(dir.file("pwned")));
         EXPECT_FALSE(std::filesystem::exists("pwned"));
@@ -222,30 +195,21 @@ TEST(EntryPoint, UnopenableOutputFailsWithItsLine) {
     ASSERT_TRUE(packTextModel(text, block, error)) << error;
     ScratchDir dir;
     const std::string name = dir.file("no/such/folder/result");
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    const int result = raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, block.data(), "x",
-                                      false, false, 0);
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(err, "error: couldn't open output file: " + name +
-                       "\nerror: couldn't calculate view factors!\n");
-    EXPECT_EQ(out.find("# Create BSP tree"), std::string::npos);
-}
-
-TEST(OutputSink, UnopenableTargetFailsAndLeavesNothingBehind) {
-    ScratchDir dir;
-    OutputSink missingDir(dir.file("no/such/dir/out"), false);
-    EXPECT_FALSE(missingDir.ok());
-    OutputSink missingDirGzip(dir.file("no/such/dir/out.gz"), false);
-    EXPECT_FALSE(missingDirGzip.ok());
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 0);
+    testing::RunOptions options;
+    options.fromFile = false;
+    options.block = block.data();
+    const auto r = runLibrary(name, options);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_EQ(r.err, "error: couldn't open output file: " + name +
+                         "\nerror: couldn't calculate view factors!\n");
+    EXPECT_EQ(r.out.find("# Create BSP tree"), std::string::npos);
 }
 
 TEST(OutputSink, TargetIsReplacedOnlyByACommit) {
     ScratchDir dir;
     for (const char* name : {"out", "out.gz"}) {
+        // Nothing can be written into a missing folder, and nothing is left behind.
+        EXPECT_FALSE(OutputSink(dir.file(std::string("no/such/dir/") + name), false).ok());
         writeFile(dir.file(name), "user data");
         {
             OutputSink sink(dir.file(name), false);
@@ -260,8 +224,7 @@ TEST(OutputSink, TargetIsReplacedOnlyByACommit) {
             sink.stream() << "whole result\n";
             ASSERT_TRUE(sink.commit());
         }
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}),
-                  name == std::string("out") ? 1 : 2);
+        EXPECT_EQ(fileCount(dir.path()), name == std::string("out") ? 1u : 2u);
     }
     EXPECT_EQ(readFile(dir.file("out")), "whole result\n");
     shell("gzip -dc < " + dir.file("out.gz") + " > " + dir.file("plain"));

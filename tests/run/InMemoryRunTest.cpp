@@ -4,14 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "input/MeshBlockPacker.h"
-#include "models/ExampleModels.h"
 #include "run/BlockFromText.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
@@ -27,17 +25,13 @@ using testing::ScratchDir;
 using testing::withoutTimings;
 using testing::writeFile;
 
+// A run of the block, with the other options as given.
 RunResult runBlock(const std::string& name, const void* block, bool directFields,
-                   const RunOptions& options) {
-    RunResult r;
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    r.result = raytracing_lib(options.binary, name.c_str(), nullptr, options.useOpenMP,
-                              options.threads, 0, block, options.header, options.headerFlag,
-                              directFields, 0);
-    r.out = ::testing::internal::GetCapturedStdout();
-    r.err = ::testing::internal::GetCapturedStderr();
-    return r;
+                   RunOptions options) {
+    options.fromFile = false;
+    options.block = block;
+    options.directFields = directFields;
+    return testing::runLibrary(name, options);
 }
 
 std::vector<std::byte> packText(const std::string& text) {
@@ -102,14 +96,10 @@ class InMemoryRun : public ::testing::TestWithParam<AcceptanceCase> {};
 
 TEST_P(InMemoryRun, WritesTheTextPathsResult) {
     const AcceptanceCase& c = GetParam();
-    models::Model model;
-    ASSERT_TRUE(models::makeExample(c.name, 2, 6, model));
-    std::ostringstream text;
-    models::writeModelText(text, model);
-
+    const std::string text = testing::exampleText(c.name, 2, 6);
     ScratchDir dir;
-    writeFile(dir.file("text"), text.str());
-    const std::vector<std::byte> packed = packText(text.str());
+    writeFile(dir.file("text"), text);
+    const std::vector<std::byte> packed = packText(text);
     const hemiray_direct_block direct = directBlockFor(packed);
 
     RunOptions options;
@@ -148,55 +138,40 @@ INSTANTIATE_TEST_SUITE_P(ExampleModels, InMemoryRun, ::testing::ValuesIn(accepta
                              return name;
                          });
 
-TEST(InMemoryRunFailures, NullBlockFailsTheCall) {
+TEST(InMemoryRunFailures, MissingOrImplausibleBlockFailsTheCall) {
     ScratchDir dir;
     for (const bool directFields : {false, true}) {
         const RunResult r = runBlock(dir.file("out"), nullptr, directFields, {});
         EXPECT_EQ(r.result, 0);
         EXPECT_EQ(r.out, "# Read parameter section...\n");
         EXPECT_EQ(r.err, "error: no mesh data given\nerror: couldn't calculate view factors!\n");
-        EXPECT_FALSE(std::filesystem::exists(dir.file("out")));
     }
-}
-
-TEST(InMemoryRunFailures, RunChecksApplyToBlockValues) {
     // The size values and the resolution of a block meet the same checks as text.
-    models::Model model;
-    ASSERT_TRUE(models::makeExample("polygon", 1, 6, model));
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    std::vector<std::byte> packed = packText(text.str());
+    std::vector<std::byte> packed = packText(testing::exampleText("polygon", 1, 6));
     hemiray_block_head head;
     std::memcpy(&head, packed.data(), sizeof head);
     head.dimension = 4;
     std::memcpy(packed.data(), &head, sizeof head);
-
-    ScratchDir dir;
     const RunResult r = runBlock(dir.file("out"), packed.data(), false, {});
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.err,
               "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"
               "error: couldn't calculate view factors!\n");
-    EXPECT_FALSE(std::filesystem::exists(dir.file("out")));
+    EXPECT_EQ(testing::fileCount(dir.path()), 0u);
 }
 
 TEST(InMemoryRunFailuresDeathTest, BadBlockEndsTheProcessBeforeAnyOutput) {
-    models::Model model;
-    ASSERT_TRUE(models::makeExample("plates", 1, 6, model));
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    std::vector<std::byte> packed = packText(text.str());
+    std::vector<std::byte> packed = packText(testing::exampleText("plates", 1, 6));
     hemiray_block_head head;
     std::memcpy(&head, packed.data(), sizeof head);
     head.faceNodeCount += 1;  // one node reference more than the block holds
     std::memcpy(packed.data(), &head, sizeof head);
-
     ScratchDir dir;
     const std::string name = dir.file("out");
     EXPECT_EXIT(raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, packed.data(), "x", false,
                                false, 0),
                 ExitedWithCode(1), "file i/o error: mesh block counts overrun its length\n$");
-    EXPECT_FALSE(std::filesystem::exists(name));
+    EXPECT_EQ(testing::fileCount(dir.path()), 0u);
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
 // Whole runs against result files written by hand from the format description,
-// and the properties a host relies on: text and binary rows agree, gzip output is
-// the plain output compressed, a result reads back as the same model with the same
-// rows, and the output does not depend on the number of threads.
+// and the properties a host relies on: a result reads back as the same model with
+// the same rows, the output does not depend on the number of threads, and a model
+// without rows still gets a closed file. (Runs on two threads in fresh processes,
+// where 3D rows must repeat, are the hemiray tool's BlockRunsMatchTextRuns.)
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <omp.h>
 #include <sstream>
 
-#include "ResultFile.h"
-#include "models/ExampleModels.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 
@@ -20,6 +19,7 @@ using testing::readFile;
 using testing::RunOptions;
 using testing::runLibrary;
 using testing::ScratchDir;
+using testing::exampleText;
 using testing::writeFile;
 
 std::string goldenPath(const std::string& name) {
@@ -34,14 +34,6 @@ std::string runCopy(const ScratchDir& dir, const std::string& name, const std::s
     EXPECT_EQ(r.result, 1) << r.err;
     EXPECT_EQ(r.err, "");
     return readFile(dir.file(name));
-}
-
-std::string exampleText(const std::string& name, int n, int resolution) {
-    models::Model model;
-    EXPECT_TRUE(models::makeExample(name, n, resolution, model)) << name;
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    return text.str();
 }
 
 // The three golden models are built so that every row is known without running the
@@ -84,43 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
         return name + (param.param.options.threads > 1 ? "_2threads" : "");
     });
 
-TEST(ResultFile, TextAndBinaryRowsAgree) {
-    ScratchDir dir;
-    for (const char* name : {"room", "cylinder", "ring-periodic"}) {
-        const std::string text = exampleText(name, 2, 8);
-        setThreadRandomState(1);
-        runCopy(dir, "text", text);
-        setThreadRandomState(1);
-        runCopy(dir, "binary", text, {true});
-        cli::ResultFile textResult, binaryResult;
-        std::string error;
-        ASSERT_TRUE(cli::readResultFile(dir.file("text"), textResult, error)) << error;
-        ASSERT_TRUE(cli::readResultFile(dir.file("binary"), binaryResult, error)) << error;
-        EXPECT_FALSE(textResult.binaryRows);
-        EXPECT_TRUE(binaryResult.binaryRows);
-        ASSERT_EQ(textResult.activeGlobs, binaryResult.activeGlobs);
-        ASSERT_EQ(textResult.rows.size(), binaryResult.rows.size());
-        for (size_t r = 0; r < textResult.rows.size(); ++r) {
-            EXPECT_EQ(textResult.rows[r].columns, binaryResult.rows[r].columns) << name << " row " << r;
-            for (size_t k = 0; k < textResult.rows[r].values.size(); ++k)
-                // Text keeps 6 decimals, binary a float: both within their rounding.
-                EXPECT_NEAR(textResult.rows[r].values[k], binaryResult.rows[r].values[k], 6e-7)
-                    << name << " row " << r;
-        }
-    }
-}
-
-TEST(ResultFile, GzipOutputIsThePlainOutputCompressed) {
-    ScratchDir dir;
-    const std::string text = exampleText("polygon", 2, 8);
-    const std::string plain = runCopy(dir, "m", text);
-    writeFile(dir.file("src"), text);
-    ASSERT_EQ(std::system(("gzip -c " + dir.file("src") + " > " + dir.file("m.gz")).c_str()), 0);
-    ASSERT_EQ(runLibrary(dir.file("m.gz")).result, 1);
-    ASSERT_EQ(std::system(("gzip -dc < " + dir.file("m.gz") + " > " + dir.file("unzipped")).c_str()), 0);
-    EXPECT_EQ(readFile(dir.file("unzipped")), plain);
-}
-
 // A result read again as input skips its rows and writes the same file again:
 // the same head sections (so the same model) and the same rows.
 TEST(ResultFile, ReadAgainGivesTheSameModelAndRows) {
@@ -153,40 +108,6 @@ TEST(ResultFile, PlanarAndAxisymmetricRowsDoNotDependOnThreads) {
         EXPECT_EQ(one, three) << name;
     }
     omp_set_num_threads(available);
-}
-
-// 3D frames are turned by each thread's own generator, which starts afresh in a
-// new process: two runs on two threads in fresh processes give the same bytes.
-TEST(ResultFileDeathTest, ThreeDimensionalRowsRepeatInFreshProcesses) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // The child re-runs this test from the start in a new process, so the folder is
-    // named after the parent to be the same in both.
-    const pid_t parent = ::testing::internal::InDeathTestChild() ? getppid() : getpid();
-    const std::filesystem::path folder =
-        std::filesystem::temp_directory_path() / ("hemiray-fresh-" + std::to_string(parent));
-    const std::string text = exampleText("room", 2, 8);
-    if (!::testing::internal::InDeathTestChild()) {
-        std::filesystem::create_directories(folder);
-        writeFile((folder / "a").string(), text);
-        writeFile((folder / "b").string(), text);
-    }
-    auto runInFreshProcess = [&](const std::string& name) {
-        const std::string path = (folder / name).string();
-        EXPECT_EXIT(
-            {
-                omp_set_num_threads(2);
-                const int ok = raytracing_lib(0, path.c_str(), nullptr, 1, 2, 1, nullptr, "x",
-                                              false, false, 0);
-                std::exit(ok == 1 ? 0 : 1);
-            },
-            ::testing::ExitedWithCode(0), "");
-    };
-    runInFreshProcess("a");
-    runInFreshProcess("b");
-    const std::string a = readFile((folder / "a").string());
-    EXPECT_NE(a, text);  // the runs did write results
-    EXPECT_EQ(a, readFile((folder / "b").string()));
-    std::filesystem::remove_all(folder);
 }
 
 TEST(ResultFile, NoActiveGlobStillClosesTheRowSection) {

@@ -40,95 +40,76 @@ struct Hdf5Array {
     std::vector<hsize_t> dims;
     std::vector<hsize_t> maxDims;
     bool chunked = false;
-    std::vector<double> real;     // every value as a double
-    std::vector<int64_t> integer; // every value as an int64 (integer types only)
+    std::vector<double> real;      // every value as a double
+    std::vector<int64_t> integer;  // every value as an int64 (integer types only)
 };
 
-inline void describeType(hid_t type, Hdf5Array& a) {
+// The dataset at `path` (e.g. "faces/nodes"), or with `attribute` the attribute of
+// that name on the object at `path` ("/" for the root); a missing one fails the test.
+inline Hdf5Array readDataset(const Hdf5File& file, const std::string& path,
+                             const char* attribute = nullptr) {
+    Hdf5Array a;
+    const hid_t object =
+        attribute ? H5Aopen_by_name(file.id(), path.c_str(), attribute, H5P_DEFAULT, H5P_DEFAULT)
+                  : H5Dopen2(file.id(), path.c_str(), H5P_DEFAULT);
+    EXPECT_GE(object, 0) << "no " << path << " " << (attribute ? attribute : "");
+    if (object < 0) return a;
+    const hid_t type = attribute ? H5Aget_type(object) : H5Dget_type(object);
+    const hid_t space = attribute ? H5Aget_space(object) : H5Dget_space(object);
     a.typeClass = H5Tget_class(type);
     a.typeSize = H5Tget_size(type);
     a.order = H5Tget_order(type);
     if (a.typeClass == H5T_INTEGER) a.sign = H5Tget_sign(type);
-}
-
-// Reads the dataset at `path` (e.g. "faces/nodes"); a missing one fails the test.
-inline Hdf5Array readDataset(const Hdf5File& file, const std::string& path) {
-    Hdf5Array a;
-    const hid_t dataset = H5Dopen2(file.id(), path.c_str(), H5P_DEFAULT);
-    EXPECT_GE(dataset, 0) << "no dataset " << path;
-    if (dataset < 0) return a;
-    const hid_t type = H5Dget_type(dataset);
-    const hid_t space = H5Dget_space(dataset);
-    const hid_t creation = H5Dget_create_plist(dataset);
-    describeType(type, a);
-    const int rank = H5Sget_simple_extent_ndims(space);
-    a.dims.resize(static_cast<size_t>(rank));
-    a.maxDims.resize(static_cast<size_t>(rank));
+    a.dims.resize(static_cast<size_t>(H5Sget_simple_extent_ndims(space)));
+    a.maxDims.resize(a.dims.size());
     H5Sget_simple_extent_dims(space, a.dims.data(), a.maxDims.data());
-    a.chunked = H5Pget_layout(creation) == H5D_CHUNKED;
     const auto count = static_cast<size_t>(H5Sget_simple_extent_npoints(space));
+    const auto read = [&](hid_t memoryType, void* data) {
+        EXPECT_GE(attribute ? H5Aread(object, memoryType, data)
+                            : H5Dread(object, memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data),
+                  0)
+            << path;
+    };
     a.real.resize(count);
-    if (count > 0) {
-        EXPECT_GE(H5Dread(dataset, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                          a.real.data()), 0) << path;
-    }
+    if (count > 0) read(H5T_NATIVE_DOUBLE, a.real.data());
     if (a.typeClass == H5T_INTEGER && count > 0) {
         a.integer.resize(count);
-        EXPECT_GE(H5Dread(dataset, H5T_NATIVE_INT64, H5S_ALL, H5S_ALL, H5P_DEFAULT,
-                          a.integer.data()), 0) << path;
+        read(H5T_NATIVE_INT64, a.integer.data());
     }
-    H5Pclose(creation);
-    H5Sclose(space);
-    H5Tclose(type);
-    H5Dclose(dataset);
-    return a;
-}
-
-// A scalar numeric attribute of the object at `objectPath` ("/" for the root).
-inline Hdf5Array readAttribute(const Hdf5File& file, const std::string& objectPath,
-                               const std::string& name) {
-    Hdf5Array a;
-    const hid_t attribute =
-        H5Aopen_by_name(file.id(), objectPath.c_str(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT);
-    EXPECT_GE(attribute, 0) << "no attribute " << name << " on " << objectPath;
-    if (attribute < 0) return a;
-    const hid_t type = H5Aget_type(attribute);
-    const hid_t space = H5Aget_space(attribute);
-    describeType(type, a);
-    EXPECT_EQ(H5Sget_simple_extent_type(space), H5S_SCALAR) << name;
-    a.real.resize(1);
-    EXPECT_GE(H5Aread(attribute, H5T_NATIVE_DOUBLE, a.real.data()), 0) << name;
-    if (a.typeClass == H5T_INTEGER) {
-        a.integer.resize(1);
-        EXPECT_GE(H5Aread(attribute, H5T_NATIVE_INT64, a.integer.data()), 0) << name;
+    if (!attribute) {
+        const hid_t creation = H5Dget_create_plist(object);
+        a.chunked = H5Pget_layout(creation) == H5D_CHUNKED;
+        H5Pclose(creation);
     }
     H5Sclose(space);
     H5Tclose(type);
-    H5Aclose(attribute);
+    if (attribute)
+        H5Aclose(object);
+    else
+        H5Dclose(object);
     return a;
 }
 
-inline int64_t intAttribute(const Hdf5File& file, const std::string& objectPath,
+// A scalar int32 or float64 attribute.
+inline int64_t intAttribute(const Hdf5File& file, const std::string& path,
                             const std::string& name) {
-    const Hdf5Array a = readAttribute(file, objectPath, name);
-    EXPECT_EQ(a.typeClass, H5T_INTEGER) << name;
-    EXPECT_EQ(a.typeSize, 4u) << name;
+    const Hdf5Array a = readDataset(file, path, name.c_str());
+    EXPECT_TRUE(a.typeClass == H5T_INTEGER && a.typeSize == 4 && a.dims.empty()) << name;
     return a.integer.empty() ? -999 : a.integer[0];
 }
 
-inline double doubleAttribute(const Hdf5File& file, const std::string& objectPath,
+inline double doubleAttribute(const Hdf5File& file, const std::string& path,
                               const std::string& name) {
-    const Hdf5Array a = readAttribute(file, objectPath, name);
-    EXPECT_EQ(a.typeClass, H5T_FLOAT) << name;
-    EXPECT_EQ(a.typeSize, 8u) << name;
+    const Hdf5Array a = readDataset(file, path, name.c_str());
+    EXPECT_TRUE(a.typeClass == H5T_FLOAT && a.typeSize == 8 && a.dims.empty()) << name;
     return a.real.empty() ? -999 : a.real[0];
 }
 
 // A fixed-length string attribute, read into a buffer of its own size.
-inline std::string stringAttribute(const Hdf5File& file, const std::string& objectPath,
+inline std::string stringAttribute(const Hdf5File& file, const std::string& path,
                                    const std::string& name) {
     const hid_t attribute =
-        H5Aopen_by_name(file.id(), objectPath.c_str(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT);
+        H5Aopen_by_name(file.id(), path.c_str(), name.c_str(), H5P_DEFAULT, H5P_DEFAULT);
     EXPECT_GE(attribute, 0) << "no attribute " << name;
     if (attribute < 0) return {};
     const hid_t type = H5Aget_type(attribute);
@@ -139,6 +120,23 @@ inline std::string stringAttribute(const Hdf5File& file, const std::string& obje
     H5Tclose(type);
     H5Aclose(attribute);
     return text.substr(0, text.find('\0'));
+}
+
+// A one-dimensional little-endian int32 dataset and its values.
+inline void expectInt32(const Hdf5Array& a, const std::vector<int64_t>& expected,
+                        const std::string& what) {
+    EXPECT_TRUE(a.typeClass == H5T_INTEGER && a.typeSize == 4 && a.order == H5T_ORDER_LE &&
+                a.sign == H5T_SGN_2)
+        << what;
+    EXPECT_EQ(a.dims, std::vector<hsize_t>{expected.size()}) << what;
+    EXPECT_EQ(a.integer, expected) << what;
+}
+
+// A little-endian float64 dataset of the given shape.
+inline void expectFloat64(const Hdf5Array& a, const std::vector<hsize_t>& dims,
+                          const std::string& what) {
+    EXPECT_TRUE(a.typeClass == H5T_FLOAT && a.typeSize == 8 && a.order == H5T_ORDER_LE) << what;
+    EXPECT_EQ(a.dims, dims) << what;
 }
 
 }  // namespace hemiray::testing

@@ -38,13 +38,8 @@ inline int32_t dimensionOf(Kind kind) {
 }
 
 inline std::string nameOf(Kind kind) {
-    switch (kind) {
-        case Kind::Axisymmetric: return "Axisymmetric";
-        case Kind::Planar: return "Planar";
-        case Kind::Triangles: return "Triangles";
-        case Kind::Quads: return "Quads";
-    }
-    return "Unknown";
+    static const char* const names[] = {"Axisymmetric", "Planar", "Triangles", "Quads"};
+    return names[static_cast<int>(kind)];
 }
 
 // A face set over its own node array. Not copyable: the face set points at the nodes.

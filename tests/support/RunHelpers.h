@@ -1,6 +1,6 @@
-// Scaffolding for tests that run the whole library on files: a scratch directory
-// removed afterwards, whole-file reads, and a call of raytracing_lib that captures
-// both console streams.
+// Scaffolding for tests that run the whole library: a scratch directory removed
+// afterwards, whole-file reads and writes, a model text of the example cases, and
+// a call of raytracing_lib that captures both console streams.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "hemiray/raytracing.h"
+#include "models/ExampleModels.h"
 
 namespace hemiray::testing {
 
@@ -45,6 +46,19 @@ inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
+inline size_t fileCount(const std::filesystem::path& folder) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+
+// The input text of an example case of the hemiray tool.
+inline std::string exampleText(const std::string& name, int n, int resolution) {
+    models::Model model;
+    EXPECT_TRUE(models::makeExample(name, n, resolution, model)) << name;
+    std::ostringstream text;
+    models::writeModelText(text, model);
+    return text.str();
+}
+
 struct RunResult {
     int result = -1;
     std::string out;  // standard output
@@ -57,6 +71,9 @@ struct RunOptions {
     int threads = 1;
     const char* header = "test";
     bool headerFlag = false;
+    bool fromFile = true;      // false: the mesh comes from `block`
+    const void* block = nullptr;
+    bool directFields = false;  // the block's family
 };
 
 inline RunResult runLibrary(const std::string& name, const RunOptions& options = {}) {
@@ -64,8 +81,8 @@ inline RunResult runLibrary(const std::string& name, const RunOptions& options =
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
     r.result = raytracing_lib(options.binary, name.c_str(), nullptr, options.useOpenMP,
-                              options.threads, 1, nullptr, options.header, options.headerFlag,
-                              false, 0);
+                              options.threads, options.fromFile, options.block, options.header,
+                              options.headerFlag, options.directFields, 0);
     r.out = ::testing::internal::GetCapturedStdout();
     r.err = ::testing::internal::GetCapturedStderr();
     return r;

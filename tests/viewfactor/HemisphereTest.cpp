@@ -1,70 +1,60 @@
-// The direction set: counts and layout of the hemicube and the fan, resolution
-// rounding, normalisation, and the weights against analytic form factors.
+// The direction set: layout of the hemicube and the fan, resolution rounding,
+// normalisation, and the weights against analytic form factors.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
+#include <string>
 
 #include "Hemisphere"
+#include "SmallVector"
 
 namespace hemiray {
 namespace {
 
-long double weightSum(const Hemisphere& h) {
-    long double sum = 0;
-    for (int k = 0; k < h.size_; ++k) sum += h.weight(k);
-    return sum;
-}
+Vec3 direction(const Hemisphere& h, int k) { return {h.dirX(k), h.dirY(k), h.dirZ(k)}; }
 
-TEST(Hemisphere, CubeResolution4Has48DirectionsInFaceOrder) {
+TEST(Hemisphere, CubeResolution4HasItsCellCentresInFaceOrder) {
+    // Blocks of the running index: 8 cells on the -t1 side, 8 on +t1, 8 on -t2, 8 on
+    // +t2, then the 16 of the top face. Cells have edge 0.5, so their centres lie at
+    // odd multiples of 0.25, on the upper half of the sides.
     const Hemisphere h(3, 4);
     EXPECT_EQ(h.resolution, 4);
     ASSERT_EQ(h.size_, 48);
-    // Blocks of the running index: 8 on the -t1 side, 8 on +t1, 8 on -t2, 8 on +t2,
-    // then the 16 cells of the top face.
     for (int k = 0; k < 48; ++k) {
         SCOPED_TRACE(k);
-        if (k < 16) {
-            EXPECT_EQ(h.dirX(k), k < 8 ? -1.0 : 1.0);
-            EXPECT_LT(std::abs(h.dirY(k)), 1.0);
-            EXPECT_LT(h.dirZ(k), 1.0);
-        } else if (k < 32) {
-            EXPECT_EQ(h.dirY(k), k < 24 ? -1.0 : 1.0);
-            EXPECT_LT(std::abs(h.dirX(k)), 1.0);
-            EXPECT_LT(h.dirZ(k), 1.0);
-        } else {
-            EXPECT_EQ(h.dirZ(k), 1.0);
-            EXPECT_LT(std::abs(h.dirX(k)), 1.0);
-            EXPECT_LT(std::abs(h.dirY(k)), 1.0);
+        const Vec3 d = direction(h, k);
+        const int block = std::min(k / 8, 4);
+        const int axis = block / 2;
+        EXPECT_EQ(d[axis], block % 2 == 0 && block < 4 ? -1.0 : 1.0);
+        for (int other = 0; other < 3; ++other) {
+            const double quarters = std::abs(d[other]) * 4;
+            if (other != axis) {
+                EXPECT_TRUE(quarters == 1 || quarters == 3) << d;
+            }
         }
-        EXPECT_GT(h.dirZ(k), 0.0);
+        EXPECT_GT(d[2], 0.0);
     }
-    // Cell centres of edge h = 0.5: the first side cell is (-1, -0.75, 0.25), the
-    // first top cell (-0.75, -0.75, 1), the last (0.75, 0.75, 1).
-    EXPECT_EQ(h.dirY(0), -0.75);
-    EXPECT_EQ(h.dirZ(0), 0.25);
-    EXPECT_EQ(h.dirZ(4), 0.75);
-    EXPECT_EQ(h.dirX(32), -0.75);
-    EXPECT_EQ(h.dirY(32), -0.75);
-    EXPECT_EQ(h.dirX(47), 0.75);
-    EXPECT_EQ(h.dirY(47), 0.75);
+    // On a side the tangent along it runs first: the first cell is (-1, -0.75, 0.25),
+    // the fifth (-1, -0.75, 0.75); the top runs from (-0.75, -0.75) to (0.75, 0.75).
+    EXPECT_EQ(direction(h, 0), Vec3(-1, -0.75, 0.25));
+    EXPECT_EQ(direction(h, 4), Vec3(-1, -0.75, 0.75));
+    EXPECT_EQ(direction(h, 32), Vec3(-0.75, -0.75, 1));
+    EXPECT_EQ(direction(h, 47), Vec3(0.75, 0.75, 1));
 }
 
-TEST(Hemisphere, OddResolutionRoundsUpToEven) {
+TEST(Hemisphere, OddResolutionRoundsUpAndNonPositiveGivesTheEmptySet) {
     for (int mode : {2, 3}) {
         const Hemisphere odd(mode, 3), even(mode, 4);
         EXPECT_EQ(odd.resolution, 4);
         ASSERT_EQ(odd.size_, even.size_);
         for (int k = 0; k < odd.size_; ++k) {
-            EXPECT_EQ(odd.dirX(k), even.dirX(k));
-            EXPECT_EQ(odd.dirY(k), even.dirY(k));
-            EXPECT_EQ(odd.dirZ(k), even.dirZ(k));
+            EXPECT_EQ(direction(odd, k), direction(even, k));
             EXPECT_EQ(odd.weight(k), even.weight(k));
         }
     }
-}
-
-TEST(Hemisphere, ZeroAndNegativeResolutionGiveTheEmptySet) {
     for (int mode : {1, 2, 3})
         for (int res : {0, -1, -3, -4, -2147483647 - 1}) {
             const Hemisphere h(mode, res);
@@ -75,7 +65,6 @@ TEST(Hemisphere, ZeroAndNegativeResolutionGiveTheEmptySet) {
 
 TEST(Hemisphere, FanResolution10IsSymmetricUnitAndAvoidsNormalAndTangent) {
     const Hemisphere h(2, 10);
-    EXPECT_EQ(h.resolution, 10);
     ASSERT_EQ(h.size_, 20);
     const double step = std::numbers::pi / 20;
     for (int k = 0; k < 20; ++k) {
@@ -86,13 +75,11 @@ TEST(Hemisphere, FanResolution10IsSymmetricUnitAndAvoidsNormalAndTangent) {
         EXPECT_DOUBLE_EQ(h.weight(k), h.weight(mirror));
         EXPECT_EQ(h.dirY(k), 0.0);
         EXPECT_NEAR(std::hypot(h.dirX(k), h.dirZ(k)), 1.0, 1e-15);
-        // Neither along the normal nor along the tangent: half a step away from
-        // both, and equally spaced in angle, rising from -t1 towards +t1.
-        const double angle = std::atan2(h.dirX(k), h.dirZ(k));
-        EXPECT_NEAR(angle, (k + 0.5) * step - std::numbers::pi / 2, 1e-14);
-        EXPECT_GT(h.dirZ(k), 0.0);
+        // Half a step away from both the normal and the tangent, equally spaced in
+        // angle, rising from -t1 towards +t1; cosine-weighted.
+        EXPECT_NEAR(std::atan2(h.dirX(k), h.dirZ(k)), (k + 0.5) * step - std::numbers::pi / 2,
+                    1e-14);
         EXPECT_NE(h.dirX(k), 0.0);
-        // cos-weighted: weight / cos is the same for every direction.
         EXPECT_NEAR(h.weight(k) / h.dirZ(k), h.weight(0) / h.dirZ(0), 1e-15);
     }
 }
@@ -103,15 +90,16 @@ TEST(Hemisphere, WeightsArePositiveSumToOneAndPeakAtTheTopCentre) {
             SCOPED_TRACE(testing::Message() << "mode " << mode << " res " << res);
             const Hemisphere h(mode, res);
             ASSERT_GT(h.size_, 0);
-            double largest = 0;
-            int largestAt = -1;
+            long double sum = 0;
+            int largestAt = 0;
             for (int k = 0; k < h.size_; ++k) {
                 ASSERT_GT(h.weight(k), 0.0);
-                if (h.weight(k) > largest) largest = h.weight(k), largestAt = k;
+                sum += h.weight(k);
+                if (h.weight(k) > h.weight(largestAt)) largestAt = k;
             }
             // Each normalised weight carries at most half an ulp of rounding, and a
             // long double sum adds little more: a few ulps of 1 cover the total.
-            EXPECT_NEAR(static_cast<double>(weightSum(h)), 1.0,
+            EXPECT_NEAR(static_cast<double>(sum), 1.0,
                         4 * std::numeric_limits<double>::epsilon());
             if (mode == 3) {
                 // The four centre cells of the top face, the closest to the normal.
@@ -119,8 +107,8 @@ TEST(Hemisphere, WeightsArePositiveSumToOneAndPeakAtTheTopCentre) {
                 EXPECT_NEAR(std::abs(h.dirX(largestAt)), 1.0 / h.resolution, 1e-15);
                 EXPECT_NEAR(std::abs(h.dirY(largestAt)), 1.0 / h.resolution, 1e-15);
             } else {
-                EXPECT_NEAR(std::abs(h.dirX(largestAt)),
-                            std::sin(std::numbers::pi / (4 * res)), 1e-15);
+                EXPECT_NEAR(std::abs(h.dirX(largestAt)), std::sin(std::numbers::pi / (4 * res)),
+                            1e-15);
             }
         }
 }
@@ -136,14 +124,8 @@ TEST(Hemisphere, WeightsArePositiveSumToOneAndPeakAtTheTopCentre) {
 // cells, an O(h) error that is irregular in R (measured 2.1e-3 at 50, 2.5e-4 at
 // 100): bounded by 3e-3.
 TEST(Hemisphere, CubeWeightsReproduceDifferentialViewFactors) {
-    auto corner =
-        [](double a,
-           double b) {  // dA to an a x b rectangle at distance 1, over one corner
-            const double sa = std::sqrt(1 + a * a), sb = std::sqrt(1 + b * b);
-            return (a / sa * std::atan(b / sa) + b / sb * std::atan(a / sb)) /
-                   (2 * std::numbers::pi);
-        };
-    const double topTruth = 4 * corner(1, 1);
+    const double sa = std::sqrt(2.0);  // dA to a 1 x 1 rectangle at distance 1, over one corner
+    const double topTruth = 4 * 2 * (1 / sa * std::atan(1 / sa)) / (2 * std::numbers::pi);
     const double alpha = 0.6;
     const double coneTruth = std::sin(alpha) * std::sin(alpha);
     double previousTopError = 1;
@@ -151,15 +133,13 @@ TEST(Hemisphere, CubeWeightsReproduceDifferentialViewFactors) {
         const Hemisphere h(3, res);
         double top = 0, cone = 0;
         for (int k = 0; k < h.size_; ++k) {
-            const double x = h.dirX(k), y = h.dirY(k), z = h.dirZ(k);
-            if (z == 1.0) top += h.weight(k);
-            if (std::acos(z / std::sqrt(x * x + y * y + z * z)) < alpha)
-                cone += h.weight(k);
+            const Vec3 d = direction(h, k);
+            if (d[2] == 1.0) top += h.weight(k);
+            if (std::acos(d[2] / norm(d)) < alpha) cone += h.weight(k);
         }
-        const double topError = std::abs(top - topTruth),
-                     coneError = std::abs(cone - coneTruth);
+        const double topError = std::abs(top - topTruth);
         EXPECT_LT(topError, 1e-4 * (50.0 / res) * (50.0 / res)) << res;
-        EXPECT_LT(coneError, 3e-3) << res;
+        EXPECT_LT(std::abs(cone - coneTruth), 3e-3) << res;
         EXPECT_LT(topError, previousTopError);
         previousTopError = topError;
     }
@@ -179,21 +159,15 @@ TEST(Hemisphere, FanWeightsReproduceTheCosineLaw) {
 }
 
 TEST(HemisphereDeathTest, AccessOutsideTheSetAborts) {
-    const Hemisphere h(3, 2);
+    const Hemisphere h(3, 2), empty(2, 0);
     ASSERT_EQ(h.size_, 12);
-    int past = 12, minusOne = -1;
-    EXPECT_DEATH((void)h.dirX(past),
-                 "src/Hemisphere:28: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.dirY(minusOne),
-                 "src/Hemisphere:29: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.dirZ(past),
-                 "src/Hemisphere:30: Assertion 'i >= 0 && i < size_' failed");
-    EXPECT_DEATH((void)h.weight(minusOne),
-                 "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
-    const Hemisphere empty(2, 0);
-    int zero = 0;
-    EXPECT_DEATH((void)empty.weight(zero),
-                 "src/Hemisphere:31: Assertion 'i >= 0 && i < size_' failed");
+    int past = 12, minusOne = -1, zero = 0;
+    const std::string failed = ": Assertion 'i >= 0 && i < size_' failed";
+    EXPECT_DEATH((void)h.dirX(past), "src/Hemisphere:28" + failed);
+    EXPECT_DEATH((void)h.dirY(minusOne), "src/Hemisphere:29" + failed);
+    EXPECT_DEATH((void)h.dirZ(past), "src/Hemisphere:30" + failed);
+    EXPECT_DEATH((void)h.weight(minusOne), "src/Hemisphere:31" + failed);
+    EXPECT_DEATH((void)empty.weight(zero), "src/Hemisphere:31" + failed);
 }
 
 }  // namespace
