@@ -253,6 +253,11 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
          [](Bytes& b) { b.patchI32(atFaceNodeCounts + 12, 1); }},
         {false, "node number out of range", [](Bytes& b) { b.patchI32(atFaceNodes + 4, -1); }},
         {false, "node number out of range", [](Bytes& b) { b.patchI32(atFaceNodes + 28, 4); }},
+        // Node 0's y: an infinity, then a NaN (their IEEE bit patterns).
+        {false, "node coordinate is not a finite number",
+         [](Bytes& b) { b.patchU64(120 + 8, 0x7ff0000000000000u); }},
+        {false, "node coordinate is not a finite number",
+         [](Bytes& b) { b.patchU64(120 + 8, 0x7ff8000000000000u); }},
         // The pair names zone 8, which no face zone has.
         {false, "invalid id index", [](Bytes& b) { b.patchI32(atPair + 4, 8); }},
         {false, "invalid id index", [](Bytes& b) { b.patchI32(atPair, 8); }},

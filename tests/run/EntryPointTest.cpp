@@ -92,6 +92,12 @@ TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
          "error: glob count 2000000000 in the size section does not fit 0 faces\n" + failed},
         {"(1 0 1 -1 2)\n" + params, read,
          "error: glob count -1 in the size section does not fit 0 faces\n" + failed},
+        // Node numbers are stored as read; 3 of 2 nodes, and 0, are caught before
+        // the geometry would index past the node array.
+        {"(1 0 1 1 2)\n" + params + "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(1 3))(309 (1 1 1 3 2)(0))",
+         read, "error: face 1 refers to node 3, outside the 2 nodes of the mesh\n" + failed},
+        {"(1 0 1 1 2)\n" + params + "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(0 2))(309 (1 1 1 3 2)(0))",
+         read, "error: face 1 refers to node 0, outside the 2 nodes of the mesh\n" + failed},
     };
     for (const Case& c : cases) {
         writeFile(dir.file("m"), c.text);

@@ -9,6 +9,8 @@
 #include <omp.h>
 #include <sstream>
 
+#include "run/InputSource.h"
+#include "run/RunDriver.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 
@@ -124,6 +126,32 @@ TEST(ResultFile, NoActiveGlobStillClosesTheRowSection) {
               "# Calculate and write view factors...\n#\t100% done!\n");
     const std::string result = readFile(dir.file("m"));
     EXPECT_EQ(result.substr(result.size() - 13), "(308 (0)\n())\n");
+}
+
+}  // namespace
+}  // namespace hemiray
+
+namespace hemiray {
+namespace {
+
+// Hosts that watch a run read the progress file: "<percent>" and "." on two lines,
+// rewritten at each 10 % step and "100" at the end. The entry point has no argument
+// for it, so the driver is called directly.
+TEST(ResultFile, ProgressFileEndsAtOneHundred) {
+    testing::ScratchDir dir;
+    testing::writeFile(dir.file("m"), testing::exampleText("polygon", 3, 6));
+    auto input = openInputSource(dir.file("m"));
+    SizeSection sizes;
+    ASSERT_TRUE(readSizeSection(*input, sizes));
+    ::testing::internal::CaptureStdout();
+    const bool ok = calculateViewFactors(std::move(input), dir.file("m"), dir.file("progress"),
+                                         false, false, sizes.dimension, sizes.size1, sizes.size2,
+                                         sizes.zoneCount, sizes.globCount, 1, true, nullptr, "p",
+                                         false, false, 0);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(ok);
+    EXPECT_NE(out.find("#\t 90% done..."), std::string::npos);
+    EXPECT_EQ(testing::readFile(dir.file("progress")), "100\n.\n");
 }
 
 }  // namespace
