@@ -12,6 +12,7 @@
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "geometry/TraversalTree.h"
 #include "output/ViewFactorWriter.h"
 #include "run/OutputSink.h"
 #include "viewfactor/ViewFactorRow.h"
@@ -71,7 +72,8 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
 
     std::cout << "# Create BSP tree..." << std::endl;
     const MeshView mesh{&nodes, &participatingFaces};
-    const BspNode tree(run.dimension, &mesh, true);
+    // Rays walk the tree's flat copy; the node tree goes once it is copied.
+    const TraversalTree tree(BspNode(run.dimension, &mesh, true));
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     // One row per slot, allocated once and reused for every block.

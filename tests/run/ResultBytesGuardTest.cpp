@@ -1,6 +1,7 @@
 // Guard for the tracing hot path: the example models of every mode (mirror and
 // periodic variants included) must give the same result-file bytes, the same rows
-// in full double precision and the same traced hits as before any tuning.
+// in full double precision and the same traced hits as before any tuning, through
+// the BSP tree and through its flat tracing copy.
 //
 // The expected checksums were recorded from the code as it stood BEFORE the first
 // performance change: they pin today's results, so any optimisation that changes a
@@ -21,6 +22,7 @@
 
 #include "SparseRowVector"
 #include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
 #include "support/LoadedModel.h"
 #include "support/Meshes.h"
@@ -121,27 +123,37 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
     }
 }
 
+// The rows through the BSP tree itself and through its flat copy, which the runs
+// use: both must give the recorded bits.
 TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
     const GuardCase& c = GetParam();
     testing::LoadedModel model;
     ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
-    SparseRowVector row;
-    row.resize(model.sizes.globCount);
-    Fnv1a hash;
-    setThreadRandomState(1);
-    for (int32_t g = 0; g < model.globs->globCount(); ++g) {
-        if (!model.globs->globActive[g]) continue;
-        computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
-                             *model.globs, model.zones, *model.tree, row);
-        hash.value(int64_t{g});
-        hash.value(int64_t{row.np});
-        for (int k = 0; k < row.np; ++k) {
-            hash.value(int64_t{row.columnAt(k)});
-            hash.value(row.valueAt(row.columnAt(k)));
+    const TraversalTree flat(*model.tree);
+    for (const bool throughFlatCopy : {false, true}) {
+        SparseRowVector row;
+        row.resize(model.sizes.globCount);
+        Fnv1a hash;
+        setThreadRandomState(1);
+        for (int32_t g = 0; g < model.globs->globCount(); ++g) {
+            if (!model.globs->globActive[g]) continue;
+            if (throughFlatCopy)
+                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
+                                     *model.globs, model.zones, flat, row);
+            else
+                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
+                                     *model.globs, model.zones, *model.tree, row);
+            hash.value(int64_t{g});
+            hash.value(int64_t{row.np});
+            for (int k = 0; k < row.np; ++k) {
+                hash.value(int64_t{row.columnAt(k)});
+                hash.value(row.valueAt(row.columnAt(k)));
+            }
+            row.clear();
         }
-        row.clear();
+        EXPECT_EQ(hex(hash.digest()), hex(c.rows))
+            << c.model << (throughFlatCopy ? " flat copy" : " node tree");
     }
-    EXPECT_EQ(hex(hash.digest()), hex(c.rows)) << c.model;
 }
 
 INSTANTIATE_TEST_SUITE_P(ExampleModels, ResultBytesGuard, ::testing::ValuesIn(guardCases),
@@ -169,25 +181,35 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
     auto* previous = std::cout.rdbuf(quiet.rdbuf());
     const BspNode root(mesh->faces.dimension, &view, true);
     std::cout.rdbuf(previous);
-    Fnv1a hash;
-    for (const meshes::Ray& ray : meshes::randomRays(*mesh, 4096, 99)) {
-        double tEnter = 0, tExit = 0;
-        const bool entered = clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
-        hash.value(int64_t{entered});
-        if (!entered) continue;
-        hash.value(tEnter);
-        hash.value(tExit);
-        Vec3 point;
-        int32_t face = -1;
-        const bool hit =
-            root.dimension == 1
-                ? traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter, tExit)
-                : traversePlanar(root, ray.origin, ray.direction, point, face, tEnter, tExit);
-        hash.value(int64_t{hit});
-        hash.value(int64_t{face});
-        hash.value(point);
+    const TraversalTree flat(root);
+    const auto rays = meshes::randomRays(*mesh, 4096, 99);
+    for (const bool throughFlatCopy : {false, true}) {
+        Fnv1a hash;
+        for (const meshes::Ray& ray : rays) {
+            double tEnter = 0, tExit = 0;
+            const bool entered = throughFlatCopy
+                                     ? flat.clip(ray.origin, ray.direction, tEnter, tExit)
+                                     : clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
+            hash.value(int64_t{entered});
+            if (!entered) continue;
+            hash.value(tEnter);
+            hash.value(tExit);
+            Vec3 point;
+            int32_t face = -1;
+            bool hit = false;
+            if (throughFlatCopy)
+                hit = flat.traverse(ray.origin, ray.direction, point, face, tEnter, tExit);
+            else if (root.dimension == 1)
+                hit = traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter, tExit);
+            else
+                hit = traversePlanar(root, ray.origin, ray.direction, point, face, tEnter, tExit);
+            hash.value(int64_t{hit});
+            hash.value(int64_t{face});
+            hash.value(point);
+        }
+        EXPECT_EQ(hex(hash.digest()), hex(c.trace))
+            << meshes::nameOf(c.kind) << (throughFlatCopy ? " flat copy" : " node tree");
     }
-    EXPECT_EQ(hex(hash.digest()), hex(c.trace)) << meshes::nameOf(c.kind);
 }
 
 INSTANTIATE_TEST_SUITE_P(RandomMeshes, TraceGuard,
