@@ -400,6 +400,13 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
 
     Pending stack[stackSize];
     int top = 0;
+    // A deferred subtree is searched only if the nearer side finds nothing, which
+    // is the common case; fetching its node now overlaps that miss with the work
+    // on the nearer side.
+    const auto push = [&](const Pending& pending) {
+        __builtin_prefetch(nodes + pending.node);
+        stack[top++] = pending;
+    };
     uint32_t index = 0;
     for (;;) {
         const Node* node = nodes + index;
@@ -413,7 +420,7 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
             if (o == s) {
                 // An origin on the plane searches both sides over the whole
                 // interval; with d < 0 the high side still comes first.
-                stack[top++] = Pending{d < 0 ? low : high, tmin, tmax};
+                push(Pending{d < 0 ? low : high, tmin, tmax});
                 index = d < 0 ? high : low;
             } else if (axisymmetric && axis == 1) {
                 // The cylinder of radius s: the side the ray is on at tmin first.
@@ -433,7 +440,7 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
                 } else if (inside == 1) {
                     const double tc = (tmin <= roots[0] && roots[0] <= tmax) ? roots[0] : roots[1];
                     if (tc >= 0) {
-                        stack[top++] = Pending{far, tc, tmax};
+                        push(Pending{far, tc, tmax});
                         index = near;
                         tmax = tc;
                     } else {
@@ -447,13 +454,13 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
                         index = near;
                         tmin = t1;
                     } else if (t0 < 0) {
-                        stack[top++] = Pending{near, t1, tmax};
+                        push(Pending{near, t1, tmax});
                         index = far;
                         tmin = t0;
                         tmax = t1;
                     } else {
-                        stack[top++] = Pending{near, t1, tmax};
-                        stack[top++] = Pending{far, t0, t1};
+                        push(Pending{near, t1, tmax});
+                        push(Pending{far, t0, t1});
                         index = near;
                         tmax = t0;
                     }
@@ -464,7 +471,7 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
                 const double tSplit = raymath::safeDivide(s - o, d);
                 if (0 <= tSplit && tSplit <= tmax) {
                     if (tSplit >= tmin) {
-                        stack[top++] = Pending{far, tSplit, tmax};
+                        push(Pending{far, tSplit, tmax});
                         index = near;
                         tmax = tSplit;
                     } else {
@@ -481,6 +488,13 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
         // accepted, so of two faces at the same t the later one in the list wins.
         const uint32_t* entry = entries + node->index;
         const uint32_t count = node->info & ~leafBit;
+        // The leaf's records lie apart: ask for all of them before testing the
+        // first, so that their cache misses overlap instead of queueing.
+        for (uint32_t k = 0; k < count; ++k) {
+            const char* record = reinterpret_cast<const char*>(data.records + entry[k] * Test::stride);
+            __builtin_prefetch(record);
+            __builtin_prefetch(record + 64);
+        }
         double limit = tmax;
         int64_t best = -1;
         double t = 0;
