@@ -102,7 +102,23 @@ inline bool hitSegment(const double* r, const RayData& ray, double tmax, double&
     return D[1] * b0 - D[0] * b1 >= 0;
 }
 
-// intersectCone on a record.
+// True when the point (y, z) lies so far off the radii r0 .. r0 + er that the
+// position s = (radius - r0) / er of the cone test is certainly outside [0, 1].
+// The cone test measures the radius through atan, cos and sin; sqrt(y^2 + z^2)
+// differs from it by a few units in the last place, far inside the slack of 10^-9
+// relative, so this never settles a point that the test would accept. It lets
+// most candidate points skip the three transcendental calls.
+inline bool radiusCertainlyOff(double y, double z, double r0, double er) {
+    const double radius = std::sqrt(y * y + z * z);
+    if (!(radius > 0x1p-400 && radius < 0x1p400)) return false;
+    const double r1 = r0 + er;
+    const double slack = 1e-9 * (radius + std::abs(r0) + std::abs(er));
+    return radius + slack < std::min(r0, r1) || radius - slack > std::max(r0, r1);
+}
+
+// intersectCone on a record. The position along the segment is checked before the
+// facing test, which needs the azimuth; both must pass and neither has a side
+// effect, so the order does not change the answer.
 inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t) {
     const double* O = ray.O.v;
     const double* D = ray.D.v;
@@ -121,9 +137,17 @@ inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t)
             t = roots[i];
             if (!(1e-10 <= t && t <= tmax)) continue;
             const double P0 = O[0] + D[0] * t, P1 = O[1] + D[1] * t, P2 = O[2] + D[2] * t;
+            if (r[11] == coneAxial) {
+                const double s = (P0 - x0) / ex;
+                if (!(0 <= s && s <= 1)) continue;
+                const raymath::Azimuth az = raymath::azimuthOf(P1, P2);
+                if ((D[2] * az.sz + D[1] * az.cy) * n[1] + n[0] * D[0] < 0) return true;
+                continue;
+            }
+            if (radiusCertainlyOff(P1, P2, r0, er)) continue;
             const raymath::Azimuth az = raymath::azimuthOf(P1, P2);
             if (!((D[2] * az.sz + D[1] * az.cy) * n[1] + n[0] * D[0] < 0)) continue;
-            const double s = r[11] == coneRadial ? (az.radius - r0) / er : (P0 - x0) / ex;
+            const double s = (az.radius - r0) / er;
             if (0 <= s && s <= 1) return true;
         }
         return false;
@@ -132,6 +156,7 @@ inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t)
     if (t <= r[7]) return false;
     if (t > tmax) return false;
     const double P1 = O[1] + D[1] * t, P2 = O[2] + D[2] * t;
+    if (radiusCertainlyOff(P1, P2, r0, er)) return false;
     const double s = (raymath::azimuthOf(P1, P2).radius - r0) / er;
     return 0 <= s && s <= 1;
 }
