@@ -6,7 +6,9 @@
 // have no record (polygons of five nodes, faces without nodes) reach the fallback.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <numbers>
 #include <iostream>
 #include <sstream>
 #include <vector>
@@ -207,6 +209,34 @@ TEST(FlatCopyMixedFaces, SegmentsAndConesWithFewNodes) {
         expectSameAnswers(*root, flat, rays, rng, hits);
         EXPECT_GT(hits, 1500) << meshes::nameOf(kind);
     }
+}
+
+// Rays aimed at the end points of every axisymmetric segment, exactly and a few
+// units in the last place beside them, at several azimuths: the position along the
+// segment is then 0 or 1 up to rounding, where the cone test's shortcut that skips
+// the azimuth of far-off points must still leave every decision to the full test.
+TEST(FlatCopyConeEnds, RaysAtSegmentEndsAnswerAsTheTree) {
+    const auto mesh = meshes::withFaceCount(Kind::Axisymmetric, 300, 77);
+    const MeshView view{&mesh->nodes, &mesh->faces};
+    const auto root = quietTree(view, 1);
+    const TraversalTree flat(*root);
+    meshes::Rng rng(3);
+    std::vector<meshes::Ray> rays;
+    const FaceSet& faces = mesh->faces;
+    for (int32_t f = 0; f < faces.faceCount(); ++f)
+        for (int k = 0; k < 2; ++k) {
+            const Vec3& end = mesh->nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(faces.faceNodeStart[f] + k)])];
+            for (const double nudge : {0.0, 4e-16, -4e-16, 3e-15, -3e-15}) {
+                const double phi = meshes::uniform(rng, 0, 2 * std::numbers::pi);
+                const double r = end[1] * (1 + nudge);
+                const Vec3 target(end[0] * (1 + nudge), r * std::cos(phi), r * std::sin(phi));
+                const Vec3 origin = meshes::interiorPoint(*mesh, rng);
+                rays.push_back({origin, target - origin});
+            }
+        }
+    int hits = 0;
+    expectSameAnswers(*root, flat, rays, rng, hits);
+    EXPECT_GT(hits, 1000);
 }
 
 // No faces: a root leaf with an empty list, which every ray passes.
