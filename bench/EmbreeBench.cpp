@@ -3,8 +3,9 @@
 // and by Embree 3's single-ray query rtcIntersect1 in single precision, in one
 // process, so that our rate can be quoted as a ratio against Embree's.
 //
-// Items per second are rays per second over wall time, per thread: with two
-// threads both trace the whole ray set and the rate shown is each one's. The
+// Items per second are rays per second over wall time, summed over the threads:
+// with two threads each traces the whole ray set, and the rate per thread is half
+// the one shown. The
 // counters: hitShare, the share of rays that hit a face; agreement (Embree only),
 // the share of rays for which Embree reports the same face as this library.
 //

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <type_traits>
 
 #include "Check.h"
@@ -237,17 +240,36 @@ TraversalTree::TraversalTree(const BspNode& root)
       boxMin_(root.boxMin),
       boxMax_(root.boxMax),
       faces_(root.mesh ? root.mesh->faces : nullptr) {
+    // Only a tree given up by its owner is released while it is copied.
+    copyTree(const_cast<BspNode&>(root), false);
+}
+
+TraversalTree::TraversalTree(BspNode&& root)
+    : dimension_(root.dimension),
+      axisCount_(root.axisCount),
+      boxMin_(root.boxMin),
+      boxMax_(root.boxMax),
+      faces_(root.mesh ? root.mesh->faces : nullptr) {
+    copyTree(root, true);
+}
+
+void TraversalTree::copyTree(BspNode& root, bool release) {
     const int32_t faceCount = faces_ ? faces_->faceCount() : 0;
     std::vector<int32_t> recordOf(static_cast<size_t>(std::max(faceCount, 0)), -1);
     nodes_.push_back(Node{0.0, 0, leafBit});
-    flatten(root, 0, 0, recordOf);
+    flatten(root, 0, 0, recordOf, release);
+#ifdef __GLIBC__
+    // The released nodes were many small blocks; hand their pages back before the
+    // records, one large block, are allocated, so that the two never add up.
+    if (release) malloc_trim(0);
+#endif
     buildRecords();
 }
 
 // Depth first, the low child first; a node's children take two adjacent slots. A
 // face gets its record index when a leaf lists it for the first time.
-void TraversalTree::flatten(const BspNode& node, uint32_t slot, int32_t depth,
-                            std::vector<int32_t>& recordOf) {
+void TraversalTree::flatten(BspNode& node, uint32_t slot, int32_t depth,
+                            std::vector<int32_t>& recordOf, bool release) {
     HEMIRAY_CHECK(depth <= maxDepth, "tree depth within the traversal stack");
     depth_ = std::max(depth_, depth);
     if (node.isLeaf()) {
@@ -266,6 +288,10 @@ void TraversalTree::flatten(const BspNode& node, uint32_t slot, int32_t depth,
             }
             leafEntries_.push_back(static_cast<uint32_t>(record));
         }
+        if (release) {
+            node.faceList.reset();
+            node.faceCount = 0;
+        }
         return;
     }
     HEMIRAY_CHECK(nodes_.size() + 2 < leafBit, "nodes fit the traversal tree's 31-bit indices");
@@ -273,8 +299,10 @@ void TraversalTree::flatten(const BspNode& node, uint32_t slot, int32_t depth,
     nodes_[slot] = Node{node.splitPosition, children, static_cast<uint32_t>(node.splitAxis)};
     nodes_.push_back(Node{});
     nodes_.push_back(Node{});
-    flatten(*node.child[0], children, depth + 1, recordOf);
-    flatten(*node.child[1], children + 1, depth + 1, recordOf);
+    flatten(*node.child[0], children, depth + 1, recordOf, release);
+    if (release) node.child[0].reset();
+    flatten(*node.child[1], children + 1, depth + 1, recordOf, release);
+    if (release) node.child[1].reset();
 }
 
 void TraversalTree::buildRecords() {

@@ -30,6 +30,10 @@ public:
     // root's mesh view points to must outlive this copy (faces whose ray test has
     // no record, such as polygons of more than four nodes, are tested from it).
     explicit TraversalTree(const BspNode& root);
+    // The same copy from a tree that is no longer needed: each node's face list and
+    // children are released as soon as they are copied, so that the node tree and
+    // its copy are not held in full at the same time.
+    explicit TraversalTree(BspNode&& root);
 
     int32_t dimension() const { return dimension_; }
 
@@ -68,7 +72,9 @@ private:
     template <class Test>
     bool traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                       double tmin, double tmax) const;
-    void flatten(const BspNode& node, uint32_t slot, int32_t depth, std::vector<int32_t>& recordOf);
+    void copyTree(BspNode& root, bool release);
+    void flatten(BspNode& node, uint32_t slot, int32_t depth, std::vector<int32_t>& recordOf,
+                 bool release);
     void buildRecords();
 
     int32_t dimension_ = 0;
