@@ -15,6 +15,7 @@
 #include <benchmark/benchmark.h>
 #include <embree3/rtcore.h>
 
+#include <chrono>
 #include <cmath>
 #include <iostream>
 #include <limits>
@@ -171,6 +172,39 @@ void BM_Embree(benchmark::State& state) {
         benchmark::Counter::kAvgThreads);
 }
 
+// Both engines in alternation on the same rays, one thread: each iteration traces
+// the ray set with this library, then with Embree, timed separately, so that both
+// see the same load from the rest of the machine. The counters are each engine's
+// rays per second over the benchmark and ratio = this library's / Embree's.
+void BM_Ratio(benchmark::State& state) {
+    using Clock = std::chrono::steady_clock;
+    const Scene& s = sceneFor(state.range(0), state.range(1));
+    double ours = 0, theirs = 0;
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        for (const BenchRay& ray : s.rays) {
+            int32_t face = -1;
+            benchmark::DoNotOptimize(traceOurs(*s.flat, ray.origin, ray.direction, face));
+            benchmark::DoNotOptimize(face);
+        }
+        const auto middle = Clock::now();
+        for (const BenchRay& ray : s.rays) {
+            int32_t face = -1;
+            benchmark::DoNotOptimize(traceEmbree(s.scene, *s.model, ray, face));
+            benchmark::DoNotOptimize(face);
+        }
+        const auto end = Clock::now();
+        ours += std::chrono::duration<double>(middle - start).count();
+        theirs += std::chrono::duration<double>(end - middle).count();
+    }
+    const double rays = static_cast<double>(state.iterations()) * static_cast<double>(s.rays.size());
+    state.counters["faces"] = s.model->faces.faceCount();
+    state.counters["hemirayRate"] = rays / ours;
+    state.counters["embreeRate"] = rays / theirs;
+    state.counters["ratio"] = theirs / ours;
+    state.SetLabel(s.model->name);
+}
+
 void sizes(benchmark::internal::Benchmark* b) {
     for (int64_t model : {0, 1})
         for (int64_t faces : {10000, 100000, 1000000}) b->Args({model, faces});
@@ -178,6 +212,7 @@ void sizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_Hemiray)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Embree)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ratio)->Apply(sizes)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace hemiray::bench

@@ -14,6 +14,9 @@
 // CPU time inside the row computations: rays per CPU second stays flat from one to
 // two threads exactly when the threads do not slow each other down, and busy share
 // (CPU seconds in rows / (threads x wall seconds)) shows the time lost to waiting.
+// The block efficiency says how much of that waiting the run's blocks of T globs
+// cause by themselves (a block lasts as long as its slowest row), computed from
+// the rows' CPU times for blocks of two.
 //
 //   hemiray_e2e [--models sphere,room,ring,ring-axi] [--faces 1000,10000,...]
 //               [--threads 1,2] [--rays N] [--resolution R] [--planar-resolution R]
@@ -76,7 +79,8 @@ struct Config {
 constexpr const char* csvHeader =
     "model,dimension,faces,threads,resolution,directions,globs_traced,rays,model_s,"
     "tree_build_s,trace_s,rays_per_s,rays_per_s_per_thread,full_run_estimate_s,"
-    "row_sum_mean,peak_rss_mib,base_rss_mib,row_cpu_s,rays_per_cpu_s,busy_share";
+    "row_sum_mean,peak_rss_mib,base_rss_mib,row_cpu_s,rays_per_cpu_s,busy_share,"
+    "two_thread_block_efficiency";
 
 double threadCpuSeconds() {
     timespec now{};
@@ -124,6 +128,7 @@ int runOne(const Config& c) {
     // Per thread, a cache line apart.
     constexpr size_t pad = 8;
     std::vector<double> busy(static_cast<size_t>(slots) * pad, 0.0);
+    std::vector<double> globSeconds(sample.size(), 0.0);  // CPU time of each row
     const int32_t count = static_cast<int32_t>(sample.size());
     const FaceSet& faces = model->faces;
     const GlobTable& globs = *model->globs;
@@ -132,14 +137,17 @@ int runOne(const Config& c) {
     for (int32_t first = 0; first < count; first += slots) {
         const int32_t chunk = std::min(slots, count - first);
 #pragma omp parallel num_threads(c.threads) default(none) \
-    shared(chunk, sample, first, dimension, hemisphere, faces, globs, zones, tree, rows, busy)
+    shared(chunk, sample, first, dimension, hemisphere, faces, globs, zones, tree, rows, busy, \
+               globSeconds)
         {
 #pragma omp for schedule(static, 1)
             for (int32_t i = 0; i < chunk; ++i) {
                 const double cpuStart = threadCpuSeconds();
                 computeViewFactorRow(sample[static_cast<size_t>(first + i)], dimension, hemisphere,
                                      faces, globs, zones, tree, rows[static_cast<size_t>(i)]);
-                busy[static_cast<size_t>(omp_get_thread_num()) * pad] += threadCpuSeconds() - cpuStart;
+                const double seconds = threadCpuSeconds() - cpuStart;
+                busy[static_cast<size_t>(omp_get_thread_num()) * pad] += seconds;
+                globSeconds[static_cast<size_t>(first + i)] = seconds;
             }
         }
         for (int32_t i = 0; i < chunk; ++i) {
@@ -152,6 +160,15 @@ int runOne(const Config& c) {
     const double raysPerSecond = static_cast<double>(rays) / traceSeconds;
     double rowCpuSeconds = 0;
     for (size_t t = 0; t < static_cast<size_t>(slots); ++t) rowCpuSeconds += busy[t * pad];
+    // The share of two threads' time that the run's blocks of two globs would keep
+    // busy, from the rows' own CPU times: each block lasts as long as its slower
+    // row. Independent of the machine's other load; 1 means no waiting at all.
+    double pairSum = 0, pairMax = 0;
+    for (size_t g = 0; g + 1 < globSeconds.size(); g += 2) {
+        pairSum += globSeconds[g] + globSeconds[g + 1];
+        pairMax += 2 * std::max(globSeconds[g], globSeconds[g + 1]);
+    }
+    const double blockEfficiency = pairMax > 0 ? pairSum / pairMax : 1.0;
 
     std::cout << c.model << ',' << dimension << ',' << model->faces.faceCount() << ','
               << c.threads << ',' << hemisphere.resolution << ',' << hemisphere.size_ << ','
@@ -160,7 +177,8 @@ int runOne(const Config& c) {
               << ',' << static_cast<double>(allRays) / raysPerSecond << ','
               << rowSum / static_cast<double>(sample.size()) << ',' << peakResidentMiB() << ','
               << baseRss << ',' << rowCpuSeconds << ',' << static_cast<double>(rays) / rowCpuSeconds
-              << ',' << rowCpuSeconds / (c.threads * traceSeconds) << std::endl;
+              << ',' << rowCpuSeconds / (c.threads * traceSeconds) << ',' << blockEfficiency
+              << std::endl;
     return 0;
 }
 
