@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -271,7 +270,6 @@ void TraversalTree::copyTree(BspNode& root, bool release) {
 void TraversalTree::flatten(BspNode& node, uint32_t slot, int32_t depth,
                             std::vector<int32_t>& recordOf, bool release) {
     HEMIRAY_CHECK(depth <= maxDepth, "tree depth within the traversal stack");
-    depth_ = std::max(depth_, depth);
     if (node.isLeaf()) {
         HEMIRAY_CHECK(leafEntries_.size() + static_cast<size_t>(node.faceCount) < leafBit,
                       "leaf entries fit the traversal tree's 31-bit indices");

@@ -83,7 +83,6 @@ private:
     Vec3 boxMax_;
     const FaceSet* faces_ = nullptr;  // not owned
     Shape shape_ = Shape::MixedPolygons;
-    int32_t depth_ = 0;  // deepest leaf below the root
 
     std::vector<Node> nodes_;            // [0] is the root
     std::vector<uint32_t> leafEntries_;  // record indices, leaf after leaf, in list order

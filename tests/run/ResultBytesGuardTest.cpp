@@ -104,6 +104,10 @@ const GuardCase guardCases[] = {
      0x29a7f1a58c1bc929, 0x74c112f728394b28, 0x9cee7a9b64eac368},
 };
 
+void PrintTo(const GuardCase& c, std::ostream* os) {
+    *os << c.model << " n=" << c.n << " resolution=" << c.resolution;
+}
+
 class ResultBytesGuard : public ::testing::TestWithParam<GuardCase> {};
 
 TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
@@ -170,6 +174,8 @@ struct TraceCase {
     meshes::Kind kind;
     uint64_t trace;
 };
+
+void PrintTo(const TraceCase& c, std::ostream* os) { *os << meshes::nameOf(c.kind); }
 
 class TraceGuard : public ::testing::TestWithParam<TraceCase> {};
 
