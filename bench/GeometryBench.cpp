@@ -1,5 +1,6 @@
-// Tree construction and nearest-hit tracing on random closed meshes of every mode,
-// the tree against testing every face. Items per second are traced rays per second.
+// Tree construction and nearest-hit tracing on random closed meshes of every mode:
+// the node tree's recursive traversal (the reference), its flat tracing copy (the
+// run's path) and testing every face. Items per second are traced rays per second.
 // The memory counters of the build benchmark count the tree's own bytes: nodes at
 // sizeof(BspNode) and 4 bytes per face-list entry ("bytesPerFace"), and the same
 // with the allocator's usable block sizes ("allocatedBytesPerFace").
@@ -12,6 +13,7 @@
 #include <sstream>
 
 #include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
 #include "support/Meshes.h"
 
 namespace hemiray {
@@ -114,6 +116,44 @@ void BM_TraceTree(benchmark::State& state) {
     state.SetLabel(meshes::nameOf(kinds[state.range(0)]));
 }
 
+// The same rays through the flat tracing copy, as the run traces them.
+void BM_TraceFlat(benchmark::State& state) {
+    const meshes::Mesh& mesh = meshFor(state.range(0), state.range(1));
+    const MeshView view{&mesh.nodes, &mesh.faces};
+    const auto root = quietTree(view);
+    const TraversalTree flat(*root);
+    const auto rays = meshes::randomRays(mesh, 8192, 777);
+    int64_t hits = 0;
+    for (auto _ : state) {
+        for (const meshes::Ray& ray : rays) {
+            Vec3 point;
+            int32_t face = -1;
+            hits += flat.trace(ray.origin, ray.direction, point, face) ? 1 : 0;
+            benchmark::DoNotOptimize(face);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(rays.size()));
+    setMeshCounters(state, mesh);
+    state.counters["hitShare"] =
+        static_cast<double>(hits) / static_cast<double>(state.iterations() * static_cast<int64_t>(rays.size()));
+    state.counters["flatBytesPerFace"] =
+        static_cast<double>(flat.bytes()) / static_cast<double>(mesh.faces.faceCount());
+    state.SetLabel(meshes::nameOf(kinds[state.range(0)]));
+}
+
+// Copying a built tree into its flat form.
+void BM_FlattenTree(benchmark::State& state) {
+    const meshes::Mesh& mesh = meshFor(state.range(0), state.range(1));
+    const MeshView view{&mesh.nodes, &mesh.faces};
+    const auto root = quietTree(view);
+    for (auto _ : state) {
+        const TraversalTree flat(*root);
+        benchmark::DoNotOptimize(flat.nodeCount());
+    }
+    setMeshCounters(state, mesh);
+    state.SetLabel(meshes::nameOf(kinds[state.range(0)]));
+}
+
 void BM_TraceBruteForce(benchmark::State& state) {
     const meshes::Mesh& mesh = meshFor(state.range(0), state.range(1));
     const FaceSet& faces = mesh.faces;
@@ -146,6 +186,8 @@ void meshArguments(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_BuildTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TraceTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_TraceFlat)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FlattenTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TraceBruteForce)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 
 // Tree size at 10^6 faces; one build is enough (and takes a while).

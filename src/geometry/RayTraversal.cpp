@@ -7,66 +7,35 @@
 #include <cmath>
 #include <limits>
 
+#include "geometry/RayMath.h"
+
 namespace hemiray {
 
 namespace {
 
-constexpr double dblMax = std::numeric_limits<double>::max();
-
-// sgn(0) is +1: a zero never flips a sign.
-inline double sgn(double x) { return x < 0 ? -1.0 : 1.0; }
+using raymath::Azimuth;
+using raymath::dblMax;
 
 inline const Vec3& nodeOf(const FaceSet& faces, int32_t entry) {
     return (*faces.nodes)[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(entry)])];
 }
 
-// Unit radial direction of P about the x axis, as (cos, sin) of its azimuth, and
-// the radius of P measured along it. Divides by the larger of the two components so
-// that the quotient stays well conditioned.
-struct Azimuth {
-    double cy;
-    double sz;
-    double radius;
-};
-inline Azimuth azimuthOf(const Vec3& P) {
-    const double theta = std::atan(safeDivide(P.v[2], P.v[1]));
-    Azimuth a;
-    a.cy = std::abs(std::cos(theta)) * sgn(P.v[1]);
-    a.sz = std::abs(std::sin(theta)) * sgn(P.v[2]);
-    // |cos| of an arctangent is never 0 (atan(+-DBL_MAX) stays short of pi/2), and
-    // sz is used only when it is larger than cy, so neither division is by zero.
-    a.radius = std::abs(a.sz) <= std::abs(a.cy) ? P.v[1] / a.cy : P.v[2] / a.sz;
-    return a;
-}
+inline Azimuth azimuthOf(const Vec3& P) { return raymath::azimuthOf(P.v[1], P.v[2]); }
 
 // Roots of |(O + tD)_yz|^2 = R^2: where the ray crosses the cylinder of radius R
 // about the x axis.
 inline int cylinderRoots(const Vec3& O, const Vec3& D, double R, double roots[2]) {
-    return solveQuadratic(D.v[1] * D.v[1] + D.v[2] * D.v[2],
-                          2.0 * (D.v[1] * O.v[1] + D.v[2] * O.v[2]),
-                          O.v[1] * O.v[1] - R * R + O.v[2] * O.v[2], roots);
+    return raymath::solveQuadratic(D.v[1] * D.v[1] + D.v[2] * D.v[2],
+                                   2.0 * (D.v[1] * O.v[1] + D.v[2] * O.v[2]),
+                                   O.v[1] * O.v[1] - R * R + O.v[2] * O.v[2], roots);
 }
 
 }  // namespace
 
-double safeDivide(double num, double den) {
-    if (std::abs(num) / dblMax < std::abs(den)) return num / den;
-    return sgn(num) * sgn(den) * dblMax;
-}
+double safeDivide(double num, double den) { return raymath::safeDivide(num, den); }
 
 int solveQuadratic(double a, double b, double c, double roots[2]) {
-    double disc = b * b - 4.0 * a * c;
-    // A slightly negative discriminant is rounding on a touching ray.
-    if (disc < -1e-6 * b * b) return 0;
-    if (disc < 0.0) disc = 0.0;
-    // The root of larger magnitude first and the other from the product c/a avoids
-    // the cancellation of the textbook formula.
-    const double q = -0.5 * (b + sgn(b) * std::sqrt(disc));
-    int count = 0;
-    if (std::abs(q) / dblMax < std::abs(a)) roots[count++] = q / a;
-    if (std::abs(c) / dblMax < std::abs(q)) roots[count++] = c / q;
-    if (count == 2 && roots[1] < roots[0]) std::swap(roots[0], roots[1]);
-    return count;
+    return raymath::solveQuadratic(a, b, c, roots);
 }
 
 bool intersectPolygon(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,

@@ -13,6 +13,7 @@
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "geometry/TraversalTree.h"
 #include "output/Hdf5Consumer.h"
 #include "output/ViewFactorWriter.h"
 #include "run/OutputSink.h"
@@ -117,7 +118,8 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
 
     std::cout << "# Create BSP tree..." << std::endl;
     const MeshView mesh{&nodes, &participatingFaces};
-    const BspNode tree(run.dimension, &mesh, true);
+    // Rays walk the tree's flat copy; the node tree goes once it is copied.
+    const TraversalTree tree(BspNode(run.dimension, &mesh, true));
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
 
 namespace hemiray {
 
@@ -79,11 +80,14 @@ void rotationMatrix(double angle, const Vec3& axis, double M[9]) {
     M[8] = z * z * C + c;
 }
 
-void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs,
-                          const ZoneTable& zones, const BspNode& tree,
-                          SparseRowVector& row) {
-    const bool axisymmetric = tree.dimension == 1;
+namespace {
+
+// The row of one glob with `trace(O, D, hitPoint, hitFace)` answering the nearest
+// hit of each ray: the BSP tree itself or its flat tracing copy.
+template <class Trace>
+void computeRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                const Trace& trace, SparseRowVector& row) {
     // The rotation of the last rotational zone crossed, rebuilt only when a ray
     // crosses a different one: most rays never meet a periodic face at all.
     int32_t rotationZone = -1;
@@ -113,16 +117,9 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
             Vec3 O = origin;
             uint8_t bounces = 0;
             for (;;) {
-                double tEnter = 0, tExit = 0;
-                if (!clipToRootBox(tree, O, D, tEnter, tExit)) break;
                 Vec3 hitPoint;
                 int32_t hitFace = -1;
-                const bool hit =
-                    axisymmetric
-                        ? traverseAxisymmetric(tree, O, D, hitPoint, hitFace, tEnter,
-                                               tExit)
-                        : traversePlanar(tree, O, D, hitPoint, hitFace, tEnter, tExit);
-                if (!hit) break;  // left the domain: lost
+                if (!trace(O, D, hitPoint, hitFace)) break;  // left the domain: lost
 
                 const int32_t type = faces.faceZoneType[hitFace];
                 if (type == zoneTypeMirror) {
@@ -163,6 +160,32 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
         const int32_t column = row.columnAt(k);
         row.w[column] /= globArea;
     }
+}
+
+}  // namespace
+
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs,
+                          const ZoneTable& zones, const BspNode& tree,
+                          SparseRowVector& row) {
+    const bool axisymmetric = tree.dimension == 1;
+    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        double tEnter = 0, tExit = 0;
+        if (!clipToRootBox(tree, O, D, tEnter, tExit)) return false;
+        return axisymmetric ? traverseAxisymmetric(tree, O, D, hitPoint, hitFace, tEnter, tExit)
+                            : traversePlanar(tree, O, D, hitPoint, hitFace, tEnter, tExit);
+    };
+    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
+}
+
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs,
+                          const ZoneTable& zones, const TraversalTree& tree,
+                          SparseRowVector& row) {
+    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        return tree.trace(O, D, hitPoint, hitFace);
+    };
+    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
 }
 
 }  // namespace hemiray

@@ -10,6 +10,7 @@
 #include "SparseRowVector"
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
+#include "geometry/TraversalTree.h"
 #include "input/MeshModel.h"
 
 namespace hemiray {
@@ -22,6 +23,11 @@ inline constexpr int maxBounces = 100;
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                           const BspNode& tree, SparseRowVector& row);
+// The same row traced through the tree's flat copy (the run's path): the same bits,
+// faster.
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                          const TraversalTree& tree, SparseRowVector& row);
 
 // Local frame (t1, t2, n) for unit normal n. Modes 1 and 2: the in-plane tangent and
 // the z axis; 3D: t2 a random unit tangent drawn from the thread's generator.

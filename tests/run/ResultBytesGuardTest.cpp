@@ -1,0 +1,229 @@
+// Guard for the tracing hot path: the example models of every mode (mirror and
+// periodic variants included) must give the same result-file bytes, the same rows
+// in full double precision and the same traced hits as before any tuning, through
+// the BSP tree and through its flat tracing copy.
+//
+// The expected checksums were recorded from the code as it stood BEFORE the first
+// performance change: they pin today's results, so any optimisation that changes a
+// single byte, a row value's last bit, a hit face or a hit point fails here. They
+// are not independent truth; the other suites check correctness. A deliberate change
+// of the results must re-record them and say why.
+//
+// Runs use one thread and, in 3D, start the thread's generator at 1, so the random
+// frames are the same in every run.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "SparseRowVector"
+#include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
+#include "models/ExampleModels.h"
+#include "support/LoadedModel.h"
+#include "support/Meshes.h"
+#include "support/RunHelpers.h"
+#include "viewfactor/ViewFactorRow.h"
+
+namespace hemiray {
+namespace {
+
+// 64-bit FNV-1a.
+class Fnv1a {
+public:
+    void bytes(const void* data, size_t size) {
+        const auto* p = static_cast<const unsigned char*>(data);
+        for (size_t i = 0; i < size; ++i) {
+            hash_ ^= p[i];
+            hash_ *= 0x100000001b3ull;
+        }
+    }
+    void value(int64_t v) { bytes(&v, sizeof v); }
+    void value(double v) {
+        uint64_t bits = 0;
+        std::memcpy(&bits, &v, sizeof bits);
+        bytes(&bits, sizeof bits);
+    }
+    void value(const Vec3& v) {
+        for (double c : v.v) value(c);
+    }
+    uint64_t digest() const { return hash_; }
+
+private:
+    uint64_t hash_ = 0xcbf29ce484222325ull;
+};
+
+std::string hex(uint64_t v) {
+    std::ostringstream s;
+    s << "0x" << std::hex << std::setw(16) << std::setfill('0') << v;
+    return s.str();
+}
+
+std::string exampleText(const std::string& name, int n, int resolution) {
+    models::Model model;
+    EXPECT_TRUE(models::makeExample(name, n, resolution, model)) << name;
+    std::ostringstream text;
+    models::writeModelText(text, model);
+    return text.str();
+}
+
+struct GuardCase {
+    const char* model;
+    int n;           // subdivisions per edge
+    int resolution;  // hemisphere resolution
+    uint64_t textFile;
+    uint64_t binaryFile;
+    uint64_t rows;  // every active glob's row, values as doubles
+};
+
+// Every example model, each big enough that its tree has interior nodes.
+const GuardCase guardCases[] = {
+    {"plates", 5, 8,
+     0xd525bd93451fafa9, 0xdbd43dc4b3ea12b7, 0xfeb6455b697631a7},
+    {"plates-mirror", 5, 8,
+     0x4ffbac0d29f407a4, 0x9d1277bebbbc55bf, 0x1b839d619037b46c},
+    {"plates-periodic", 5, 8,
+     0xf2fef9973c267f48, 0xc32a9bdae9dfc676, 0xe707b68af03ea647},
+    {"room", 4, 8,
+     0xa93c346798414838, 0xfacdf269fd0b751b, 0x28e5135f24aa13ee},
+    {"room-mirror", 4, 8,
+     0xabf5cb088e09962c, 0xc7ec200634650b56, 0x843afb3810d132b9},
+    {"sphere", 5, 8,
+     0x03e4f2fb8fbff379, 0xd5dd5cc53099ba77, 0x7195d7ae2fce3b68},
+    {"cylinder", 12, 12,
+     0xe94b44fe5ce2cca2, 0x81ad4773edc3ddef, 0xfea33785115603cb},
+    {"polygon", 12, 16,
+     0xf140598fca65b540, 0xd1c465fdac86d899, 0xbce635a3643119fe},
+    {"ring", 12, 16,
+     0x3b82b626a8d52f41, 0xe6e5d2b92a1e0042, 0xef6996f2d82440c1},
+    {"ring-periodic", 16, 16,
+     0x29a7f1a58c1bc929, 0x74c112f728394b28, 0x9cee7a9b64eac368},
+};
+
+void PrintTo(const GuardCase& c, std::ostream* os) {
+    *os << c.model << " n=" << c.n << " resolution=" << c.resolution;
+}
+
+class ResultBytesGuard : public ::testing::TestWithParam<GuardCase> {};
+
+TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
+    const GuardCase& c = GetParam();
+    const std::string text = exampleText(c.model, c.n, c.resolution);
+    testing::ScratchDir dir;
+    for (const bool binary : {false, true}) {
+        testing::writeFile(dir.file("m"), text);
+        setThreadRandomState(1);
+        const auto r = testing::runLibrary(dir.file("m"), {binary, false, 1, "guard", false});
+        ASSERT_EQ(r.result, 1) << r.err;
+        Fnv1a hash;
+        const std::string result = testing::readFile(dir.file("m"));
+        hash.bytes(result.data(), result.size());
+        EXPECT_EQ(hex(hash.digest()), hex(binary ? c.binaryFile : c.textFile))
+            << c.model << (binary ? " binary" : " text");
+    }
+}
+
+// The rows through the BSP tree itself and through its flat copy, which the runs
+// use: both must give the recorded bits.
+TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
+    const GuardCase& c = GetParam();
+    testing::LoadedModel model;
+    ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
+    const TraversalTree flat(*model.tree);
+    for (const bool throughFlatCopy : {false, true}) {
+        SparseRowVector row;
+        row.resize(model.sizes.globCount);
+        Fnv1a hash;
+        setThreadRandomState(1);
+        for (int32_t g = 0; g < model.globs->globCount(); ++g) {
+            if (!model.globs->globActive[g]) continue;
+            if (throughFlatCopy)
+                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
+                                     *model.globs, model.zones, flat, row);
+            else
+                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
+                                     *model.globs, model.zones, *model.tree, row);
+            hash.value(int64_t{g});
+            hash.value(int64_t{row.np});
+            for (int k = 0; k < row.np; ++k) {
+                hash.value(int64_t{row.columnAt(k)});
+                hash.value(row.valueAt(row.columnAt(k)));
+            }
+            row.clear();
+        }
+        EXPECT_EQ(hex(hash.digest()), hex(c.rows))
+            << c.model << (throughFlatCopy ? " flat copy" : " node tree");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ExampleModels, ResultBytesGuard, ::testing::ValuesIn(guardCases),
+                         [](const auto& param) {
+                             std::string name = param.param.model;
+                             for (char& ch : name)
+                                 if (ch == '-') ch = '_';
+                             return name;
+                         });
+
+// Random rays through the trees of the random test meshes: whether the root box is
+// entered and where, whether a face is hit, which one and where, bit for bit.
+struct TraceCase {
+    meshes::Kind kind;
+    uint64_t trace;
+};
+
+void PrintTo(const TraceCase& c, std::ostream* os) { *os << meshes::nameOf(c.kind); }
+
+class TraceGuard : public ::testing::TestWithParam<TraceCase> {};
+
+TEST_P(TraceGuard, HitsKeepEveryBit) {
+    const TraceCase& c = GetParam();
+    const auto mesh = meshes::withFaceCount(c.kind, 3000, 2024);
+    const MeshView view{&mesh->nodes, &mesh->faces};
+    std::ostringstream quiet;
+    auto* previous = std::cout.rdbuf(quiet.rdbuf());
+    const BspNode root(mesh->faces.dimension, &view, true);
+    std::cout.rdbuf(previous);
+    const TraversalTree flat(root);
+    const auto rays = meshes::randomRays(*mesh, 4096, 99);
+    for (const bool throughFlatCopy : {false, true}) {
+        Fnv1a hash;
+        for (const meshes::Ray& ray : rays) {
+            double tEnter = 0, tExit = 0;
+            const bool entered = throughFlatCopy
+                                     ? flat.clip(ray.origin, ray.direction, tEnter, tExit)
+                                     : clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
+            hash.value(int64_t{entered});
+            if (!entered) continue;
+            hash.value(tEnter);
+            hash.value(tExit);
+            Vec3 point;
+            int32_t face = -1;
+            bool hit = false;
+            if (throughFlatCopy)
+                hit = flat.traverse(ray.origin, ray.direction, point, face, tEnter, tExit);
+            else if (root.dimension == 1)
+                hit = traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter, tExit);
+            else
+                hit = traversePlanar(root, ray.origin, ray.direction, point, face, tEnter, tExit);
+            hash.value(int64_t{hit});
+            hash.value(int64_t{face});
+            hash.value(point);
+        }
+        EXPECT_EQ(hex(hash.digest()), hex(c.trace))
+            << meshes::nameOf(c.kind) << (throughFlatCopy ? " flat copy" : " node tree");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(RandomMeshes, TraceGuard,
+                         ::testing::Values(TraceCase{meshes::Kind::Axisymmetric, 0x4210ab8172687e96},
+                                           TraceCase{meshes::Kind::Planar, 0x3e911336a2fcfb1c},
+                                           TraceCase{meshes::Kind::Triangles, 0x48a45993a7ed8ae5},
+                                           TraceCase{meshes::Kind::Quads, 0xce0ad6e553d643bf}),
+                         [](const auto& param) { return meshes::nameOf(param.param.kind); });
+
+}  // namespace
+}  // namespace hemiray
