@@ -21,8 +21,8 @@
 #include <numbers>
 #include <string>
 
-#include "validation/PointFactors.h"
-#include "validation/ValidationCases.h"
+#include "validate/PointFactors.h"
+#include "validate/ValidationCases.h"
 #include "viewfactor/AnalyticViewFactors.h"
 
 namespace hemiray {

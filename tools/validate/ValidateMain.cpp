@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "validation/ValidationCases.h"
+#include "validate/ValidationCases.h"
 
 namespace {
 

@@ -2,14 +2,14 @@
 // view factors, closure and reciprocity. Geometry conventions: in the plane and in
 // axisymmetric runs a segment's normal is its direction turned clockwise; in 3D a
 // grid's normal is u x v. Every normal points into the space the surfaces enclose.
-#include "validation/ValidationCases.h"
+#include "validate/ValidationCases.h"
 
 #include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <numbers>
 
-#include "validation/PointFactors.h"
+#include "validate/PointFactors.h"
 #include "viewfactor/AnalyticViewFactors.h"
 
 namespace hemiray::validation {
