@@ -167,25 +167,6 @@ MeshBlockView openDirectBlock(const void* block) {
     return view;
 }
 
-void readBlockParameters(const MeshBlockView& block, RunParameters& parameters) {
-    const std::byte* p = block.parameters;
-    auto doubleAt = [p](size_t offset) { return load<double>(p + offset, 0); };
-    auto intAt = [p](size_t offset) { return load<int32_t>(p + offset, 0); };
-    parameters.param1 = intAt(offsetof(hemiray_parameters, param1));
-    parameters.hemisphereResolution = intAt(offsetof(hemiray_parameters, hemisphereResolution));
-    parameters.param3 = intAt(offsetof(hemiray_parameters, param3));
-    parameters.param4 = doubleAt(offsetof(hemiray_parameters, param4));
-    parameters.param5 = intAt(offsetof(hemiray_parameters, param5));
-    parameters.param6 = intAt(offsetof(hemiray_parameters, param6));
-    parameters.param7 = doubleAt(offsetof(hemiray_parameters, param7));
-    parameters.param8 = intAt(offsetof(hemiray_parameters, param8));
-    parameters.param9 = intAt(offsetof(hemiray_parameters, param9));
-    parameters.param10 = doubleAt(offsetof(hemiray_parameters, param10));
-    parameters.param11 = intAt(offsetof(hemiray_parameters, param11));
-    parameters.param12 = intAt(offsetof(hemiray_parameters, param12));
-    parameters.param13 = intAt(offsetof(hemiray_parameters, param13));
-}
-
 void readBlockNodes(const MeshBlockView& block, int32_t dimension, NodeArray& nodes) {
     // The run checks its dimension before the mesh is read; anything else here is a
     // caller bug, not a bad block.

@@ -48,11 +48,6 @@ struct MeshBlockView {
 // array pointers.
 [[nodiscard]] MeshBlockView openDirectBlock(const void* block);
 
-// The packed family's parameter reader: the thirteen values, field by field from
-// their offsets in the block. (The direct family copies the same 64 bytes with
-// copyParameterBlock.)
-void readBlockParameters(const MeshBlockView& block, RunParameters& parameters);
-
 // Fills nodes with the block's nodes: x, y, and z only when dimension is 3; the
 // components not read stay 0, as after a text node section.
 void readBlockNodes(const MeshBlockView& block, int32_t dimension, NodeArray& nodes);

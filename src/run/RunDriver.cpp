@@ -104,10 +104,8 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
         // The head is checked against the block's length before anything else is
         // read from it; a bad block ends the process like bad mesh text.
         block = directFields ? openDirectBlock(meshData) : openPackedBlock(meshData);
-        if (directFields)
-            copyParameterBlock(block.parameters, parameters);
-        else
-            readBlockParameters(block, parameters);
+        // Both families carry the host's 64-byte parameter block at the same place.
+        copyParameterBlock(block.parameters, parameters);
         size1 = block.size1;
         size2 = block.size2;
         size3 = block.zoneCount;

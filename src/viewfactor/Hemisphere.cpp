@@ -59,24 +59,17 @@ Hemisphere::Hemisphere(int mode, int hemisphereResolution) {
             const double d2 = a * a + b * b + 1;
             return h * h * a / (pi * d2 * d2);
         };
-        for (int s = -1; s <= 1; s += 2)
-            for (int32_t i = 0; i < halfR; ++i)
-                for (int32_t j = 0; j < R; ++j, ++n) {
-                    const double a = (i + 0.5) * h, b = (j + 0.5) * h - 1;
-                    dirX_[n] = s;
-                    dirY_[n] = b;
-                    dirZ_[n] = a;
-                    weight_[n] = sideWeight(a, b);
-                }
-        for (int s = -1; s <= 1; s += 2)
-            for (int32_t i = 0; i < halfR; ++i)
-                for (int32_t j = 0; j < R; ++j, ++n) {
-                    const double a = (i + 0.5) * h, b = (j + 0.5) * h - 1;
-                    dirX_[n] = b;
-                    dirY_[n] = s;
-                    dirZ_[n] = a;
-                    weight_[n] = sideWeight(a, b);
-                }
+        // The two side faces normal to tangent 1, then the two normal to tangent 2.
+        for (int tangent = 1; tangent <= 2; ++tangent)
+            for (int s = -1; s <= 1; s += 2)
+                for (int32_t i = 0; i < halfR; ++i)
+                    for (int32_t j = 0; j < R; ++j, ++n) {
+                        const double a = (i + 0.5) * h, b = (j + 0.5) * h - 1;
+                        dirX_[n] = tangent == 1 ? s : b;
+                        dirY_[n] = tangent == 1 ? b : s;
+                        dirZ_[n] = a;
+                        weight_[n] = sideWeight(a, b);
+                    }
         for (int32_t i = 0; i < R; ++i)
             for (int32_t j = 0; j < R; ++j, ++n) {
                 const double bi = (i + 0.5) * h - 1, bj = (j + 0.5) * h - 1;

@@ -144,10 +144,7 @@ void readWholeBlock(const std::vector<unsigned char>& bytes, bool direct, test::
     const GuardedCopy block(bytes);
     const MeshBlockView view =
         direct ? openDirectBlock(block.data()) : openPackedBlock(block.data());
-    if (direct)
-        copyParameterBlock(view.parameters, parameters);
-    else
-        readBlockParameters(view, parameters);
+    copyParameterBlock(view.parameters, parameters);
     readBlockMesh(view, view.dimension, mesh.nodes, mesh.allFaces, mesh.participatingFaces,
                   mesh.zones);
 }

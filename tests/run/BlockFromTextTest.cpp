@@ -50,10 +50,7 @@ void expectBlockMatchesText(const std::string& text, int32_t dimension) {
                   std::tie(sizes.size1, sizes.size2, sizes.zoneCount, sizes.globCount,
                            sizes.dimension));
         RunParameters fromBlock;
-        if (directFields)
-            copyParameterBlock(view.parameters, fromBlock);
-        else
-            readBlockParameters(view, fromBlock);
+        copyParameterBlock(view.parameters, fromBlock);
         EXPECT_EQ(test::fields(fromBlock), test::fields(parameters));
 
         test::Mesh mesh(dimension);
