@@ -48,7 +48,18 @@ bool skipExpression(std::istream& input) {
     }
 }
 
+namespace {
+thread_local bool inputErrorsThrow = false;
+}  // namespace
+
+ScopedInputErrorsThrow::ScopedInputErrorsThrow() : previous_(inputErrorsThrow) {
+    inputErrorsThrow = true;
+}
+
+ScopedInputErrorsThrow::~ScopedInputErrorsThrow() { inputErrorsThrow = previous_; }
+
 void reportInputError(const char* message) {
+    if (inputErrorsThrow) throw InputError(message);
     std::cerr << "file i/o error: " << message << std::endl;
     std::exit(1);
 }

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <stdexcept>
 
 #include "input/MeshModel.h"
 
@@ -14,8 +15,28 @@ namespace hemiray {
 // costs no stack.
 [[nodiscard]] bool skipExpression(std::istream& input);
 
-// Prints "file i/o error: " + message on standard error and exits with status 1.
+// The one handler of malformed input, text or block. Under the default policy it
+// prints "file i/o error: " + message on standard error and exits with status 1, as
+// hosts of the C entry point expect. While a ScopedInputErrorsThrow lives on the
+// calling thread it throws InputError(message) instead, for front ends (the tool,
+// Python) whose process must survive bad input.
 [[noreturn]] void reportInputError(const char* message);
+
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class ScopedInputErrorsThrow {
+public:
+    ScopedInputErrorsThrow();
+    ~ScopedInputErrorsThrow();
+    ScopedInputErrorsThrow(const ScopedInputErrorsThrow&) = delete;
+    ScopedInputErrorsThrow& operator=(const ScopedInputErrorsThrow&) = delete;
+
+private:
+    bool previous_;
+};
 
 // The last step of reading a mesh, from text or from a block: gives each face of
 // participatingFaces the glob of the allFaces face it copies.
