@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "geometry/RayTraversal.h"
-#include "../support/Meshes.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {

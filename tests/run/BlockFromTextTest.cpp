@@ -24,7 +24,7 @@ void readText(const std::string& text, SizeSection& sizes, RunParameters& parame
     std::istringstream input(text);
     ASSERT_TRUE(readSizeSection(input, sizes));
     ASSERT_TRUE(readParameterSection(input, parameters));
-    readMeshSections(input, sizes.dimension == 3 ? 3 : 2, mesh.nodes, mesh.allFaces,
+    readMeshSections(input, nodeCoordinateCount(sizes.dimension), mesh.nodes, mesh.allFaces,
                      mesh.participatingFaces, mesh.zones);
 }
 

@@ -25,7 +25,7 @@
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
 #include "support/LoadedModel.h"
-#include "support/Meshes.h"
+#include "models/RandomMeshes.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 

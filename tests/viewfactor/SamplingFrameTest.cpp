@@ -7,13 +7,13 @@
 #include <numbers>
 #include <thread>
 
-#include "TestMesh.h"
+#include "models/CodeMesh.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray {
 namespace {
 
-using testmesh::RandomStateGuard;
+using models::RandomStateGuard;
 
 // The classic runtime sequence (multiplier 214013, increment 2531011, bits 16..30)
 // from its unseeded state 1, as published for that runtime's rand().

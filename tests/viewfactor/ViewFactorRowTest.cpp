@@ -13,14 +13,14 @@
 #include <cmath>
 #include <numbers>
 
-#include "AnalyticViewFactors.h"
-#include "TestMesh.h"
+#include "validate/AnalyticViewFactors.h"
+#include "models/CodeMesh.h"
 
 namespace hemiray {
 namespace {
 
-using testmesh::RandomStateGuard;
-using testmesh::TestMesh;
+using models::RandomStateGuard;
+using models::CodeMesh;
 constexpr double pi = std::numbers::pi;
 
 // ---------------------------------------------------------------------------
@@ -42,13 +42,13 @@ TEST(ViewFactorRow, RectanglesMatchTheCatalogue) {
     };
     const Case cases[] = {
         {2, Vec3(0, 0, 1), Vec3(0, 2, 0), Vec3(1, 0, 0),  // normal -z
-         testmesh::parallelRectangles(1, 2, 1), 0.6},
+         analytic::parallelRectangles(1, 2, 1), 0.6},
         {0.5, Vec3(0, 0, 0), Vec3(0, 0, 2), Vec3(1, 0, 0),  // normal +y
-         testmesh::perpendicularRectangles(1, 0.5, 2), 0.8},
+         analytic::perpendicularRectangles(1, 0.5, 2), 0.8},
     };
     for (const Case& c : cases) {
         for (int res : {8, 16, 32}) {
-            TestMesh mesh(3);
+            CodeMesh mesh(3);
             const int32_t wall = mesh.addZone(1);
             mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, c.w, 0), res / 2, res / 2);
             mesh.addGrid(wall, 1, c.targetCorner, c.targetU, c.targetV);
@@ -71,13 +71,13 @@ TEST(ViewFactorRow, RectanglesMatchTheCatalogue) {
 // the bound is 0.3 / res.
 TEST(ViewFactorRow, CoaxialDisksMatchTheCatalogue) {
     const double r1 = 1, r2 = 0.8, L = 0.6;
-    const double truth = testmesh::coaxialDisks(r1, r2, L);
+    const double truth = analytic::coaxialDisks(r1, r2, L);
     struct Case {
         int rings, res;
     };
     for (const Case& k : {Case{8, 10}, Case{16, 20}, Case{32, 40}}) {
         const double tolerance = 0.3 / k.res;
-        TestMesh mesh(1);
+        CodeMesh mesh(1);
         const int32_t wall = mesh.addZone(1);
         for (int i = 0; i < k.rings; ++i)
             mesh.addSegment(wall, i, Vec3(0, r1 * i / k.rings, 0),
@@ -89,7 +89,7 @@ TEST(ViewFactorRow, CoaxialDisksMatchTheCatalogue) {
         for (int i = 0; i < k.rings; ++i) {
             const double rMid = r1 * (i + 0.5) / k.rings;
             const auto row = mesh.row(i, hemisphere);
-            const double pointTruth = testmesh::pointToParallelDisk(L, r2, rMid);
+            const double pointTruth = analytic::pointToParallelDisk(L, r2, rMid);
             EXPECT_NEAR(row[k.rings], pointTruth, tolerance) << "ring " << i;
             weighted += rMid * row[k.rings];
             area += rMid;
@@ -112,7 +112,7 @@ class HundredBounces : public ::testing::TestWithParam<int> {};
 TEST_P(HundredBounces, WallBehindNinetyNineReflectionsScoresAndBehindAHundredDoesNot) {
     const int reflections = GetParam();
     const double X = reflections / std::tan(pi / 8);
-    TestMesh mesh(2);
+    CodeMesh mesh(2);
     const int32_t wall = mesh.addZone(1), mirror = mesh.addZone(zoneTypeMirror);
     mesh.addSegment(wall, 0, Vec3(0, 0.25, 0), Vec3(0, 0.75, 0));  // normal +x
     mesh.addSegment(wall, 1, Vec3(X, 1, 0), Vec3(X, 0, 0));        // normal -x
@@ -142,15 +142,15 @@ TEST(ViewFactorRow, AbsorbingZoneEndsRaysWithoutScoring) {
     const Vec3 w0(-20, 2, 0), w1(21, 2, 0);
     const int n = 16, res = 128;
     for (bool absorber : {false, true}) {
-        TestMesh mesh(2);
+        CodeMesh mesh(2);
         const int32_t wall = mesh.addZone(1), absorbing = mesh.addZone(2003);
         mesh.addSegment(wall, 0, e1, e0, n);  // normal +y
         mesh.addSegment(wall, 1, w0, w1);     // normal -y
         if (absorber) mesh.addSegment(absorbing, 2, a0, a1);
         mesh.finish();
         const auto row = mesh.row(0, Hemisphere(2, res));
-        const double toWall = testmesh::crossedStrings(e0, e1, w0, w1);
-        const double blocked = absorber ? testmesh::crossedStrings(e0, e1, a0, a1) : 0.0;
+        const double toWall = analytic::crossedStrings(e0, e1, w0, w1);
+        const double blocked = absorber ? analytic::crossedStrings(e0, e1, a0, a1) : 0.0;
         EXPECT_NEAR(row[1], toWall - blocked, 0.5 / res);
         EXPECT_EQ(mesh.touchedColumns(), 1);  // nothing in the absorber's column
     }
@@ -160,7 +160,7 @@ TEST(ViewFactorRow, AbsorbingZoneEndsRaysWithoutScoring) {
 // Bookkeeping: empty rows, glob means, randomness
 
 TEST(ViewFactorRow, RowsAreEmptyWhenNothingIsHit) {
-    TestMesh mesh(3);
+    CodeMesh mesh(3);
     const int32_t wall = mesh.addZone(1);
     mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0));
     mesh.addGrid(wall, 1, Vec3(0, 0, -1), Vec3(1, 0, 0), Vec3(0, 1, 0));  // behind, facing away
@@ -180,7 +180,7 @@ TEST(ViewFactorRow, RowsAreEmptyWhenNothingIsHit) {
 TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
     RandomStateGuard guard;
     const double edges[] = {0, 0.2, 0.7, 1.5};
-    auto build = [&](TestMesh& mesh, bool oneGlob) {
+    auto build = [&](CodeMesh& mesh, bool oneGlob) {
         const int32_t wall = mesh.addZone(1);
         for (int i = 0; i < 3; ++i)
             mesh.addGrid(wall, oneGlob ? 0 : (i == 0 ? 0 : i + 1), Vec3(edges[i], 0, 0),
@@ -188,7 +188,7 @@ TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
         mesh.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 1, 0.3), Vec3(1.5, 0, 0.5));
         mesh.finish();
     };
-    TestMesh joined(3), separate(3);
+    CodeMesh joined(3), separate(3);
     build(joined, true);
     build(separate, false);
     const Hemisphere hemisphere(3, 10);
@@ -211,14 +211,14 @@ TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
 // face whose first draw was accepted. A glob of such faces alone stays empty.
 TEST(ViewFactorRow, ZeroAreaFacesAddNothing) {
     RandomStateGuard guard;
-    auto build = [](TestMesh& mesh, int32_t degenerateGlob) {
+    auto build = [](CodeMesh& mesh, int32_t degenerateGlob) {
         const int32_t wall = mesh.addZone(1);
         mesh.addFace(wall, degenerateGlob, {Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(2, 0, 0)});
         mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0));
         mesh.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(1, 0, 0));
         mesh.finish();
     };
-    TestMesh with(3), without(3);
+    CodeMesh with(3), without(3);
     build(with, 0);
     build(without, 2);
     const Hemisphere hemisphere(3, 8);
@@ -242,7 +242,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
     RandomStateGuard guard;
     for (int dimension : {1, 2, 3}) {
         SCOPED_TRACE(dimension);
-        TestMesh mesh(dimension);
+        CodeMesh mesh(dimension);
         const int32_t wall = mesh.addZone(1);
         if (dimension == 3) {
             mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), 3, 3);
@@ -252,7 +252,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
             mesh.addSegment(wall, 1, Vec3(1, 2, 0), Vec3(1, 1, 0));
         }
         mesh.finish();
-        const Hemisphere hemisphere(dimension == 2 ? 2 : 3, 6);
+        const Hemisphere hemisphere(hemisphereMode(dimension), 6);
         setThreadRandomState(1);
         const auto first = mesh.row(0, hemisphere);
         const uint32_t after = threadRandomState();
@@ -269,7 +269,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
 }
 
 TEST(ViewFactorRowDeathTest, WallWithoutGlobAborts) {
-    TestMesh mesh(2);
+    CodeMesh mesh(2);
     const int32_t wall = mesh.addZone(1);
     mesh.addSegment(wall, 0, Vec3(1, 0, 0), Vec3(0, 0, 0));
     mesh.addSegment(wall, -1, Vec3(0, 1, 0), Vec3(1, 1, 0));
