@@ -14,62 +14,24 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
-#include <iomanip>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "SparseRowVector"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
-#include "support/LoadedModel.h"
+#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
+#include "support/Checksum.h"
+#include "support/LoadedModel.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray {
 namespace {
 
-// 64-bit FNV-1a.
-class Fnv1a {
-public:
-    void bytes(const void* data, size_t size) {
-        const auto* p = static_cast<const unsigned char*>(data);
-        for (size_t i = 0; i < size; ++i) {
-            hash_ ^= p[i];
-            hash_ *= 0x100000001b3ull;
-        }
-    }
-    void value(int64_t v) { bytes(&v, sizeof v); }
-    void value(double v) {
-        uint64_t bits = 0;
-        std::memcpy(&bits, &v, sizeof bits);
-        bytes(&bits, sizeof bits);
-    }
-    void value(const Vec3& v) {
-        for (double c : v.v) value(c);
-    }
-    uint64_t digest() const { return hash_; }
-
-private:
-    uint64_t hash_ = 0xcbf29ce484222325ull;
-};
-
-std::string hex(uint64_t v) {
-    std::ostringstream s;
-    s << "0x" << std::hex << std::setw(16) << std::setfill('0') << v;
-    return s.str();
-}
-
-std::string exampleText(const std::string& name, int n, int resolution) {
-    models::Model model;
-    EXPECT_TRUE(models::makeExample(name, n, resolution, model)) << name;
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    return text.str();
-}
+using testing::Fnv1a;
+using testing::hex;
 
 struct GuardCase {
     const char* model;
@@ -112,7 +74,7 @@ class ResultBytesGuard : public ::testing::TestWithParam<GuardCase> {};
 
 TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
     const GuardCase& c = GetParam();
-    const std::string text = exampleText(c.model, c.n, c.resolution);
+    const std::string text = testing::exampleText(c.model, c.n, c.resolution);
     testing::ScratchDir dir;
     for (const bool binary : {false, true}) {
         testing::writeFile(dir.file("m"), text);
@@ -132,7 +94,7 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
 TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
     const GuardCase& c = GetParam();
     testing::LoadedModel model;
-    ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
+    ASSERT_TRUE(testing::loadModel(testing::exampleText(c.model, c.n, c.resolution), model));
     const TraversalTree flat(*model.tree);
     for (const bool throughFlatCopy : {false, true}) {
         SparseRowVector row;
@@ -183,10 +145,8 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
     const TraceCase& c = GetParam();
     const auto mesh = meshes::withFaceCount(c.kind, 3000, 2024);
     const MeshView view{&mesh->nodes, &mesh->faces};
-    std::ostringstream quiet;
-    auto* previous = std::cout.rdbuf(quiet.rdbuf());
-    const BspNode root(mesh->faces.dimension, &view, true);
-    std::cout.rdbuf(previous);
+    const auto tree = models::quietTree(view);
+    const BspNode& root = *tree;
     const TraversalTree flat(root);
     const auto rays = meshes::randomRays(*mesh, 4096, 99);
     for (const bool throughFlatCopy : {false, true}) {
