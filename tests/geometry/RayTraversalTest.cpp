@@ -6,10 +6,9 @@
 
 #include <array>
 #include <cmath>
-#include <iostream>
 #include <limits>
-#include <sstream>
 
+#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 #include "geometry/RayTraversal.h"
 
@@ -27,15 +26,6 @@ double hitAt(const Mesh& mesh, int32_t face, const Vec3& O, const Vec3& D, doubl
              double tmin = 0) {
     double t = miss;
     return intersectFace(mesh.faces, face, O, D, tmin, tmax, t) ? t : miss;
-}
-
-// A tree without printing its depth line.
-std::unique_ptr<BspNode> quietTree(const MeshView& view) {
-    std::ostringstream out;
-    auto* previous = std::cout.rdbuf(out.rdbuf());
-    auto root = std::make_unique<BspNode>(view.faces->dimension, &view, true);
-    std::cout.rdbuf(previous);
-    return root;
 }
 
 TEST(SafeDivide, DividesOrSaturatesWithTheSignOfTheQuotient) {
@@ -265,7 +255,7 @@ TEST(Traversal, LaterFaceAtTheSameParameterWinsAndOutputsChangeOnlyOnAHit) {
     two.addFace({0, 1, 2, 3});
     computeFaceGeometry(two.faces);
     const MeshView view{&two.nodes, &two.faces};
-    const auto root = quietTree(view);
+    const auto root = models::quietTree(view);
     Vec3 point(7, 7, 7);
     int32_t face = 42;
     EXPECT_FALSE(traversePlanar(*root, {0, 0, 0}, {0, 0, -1}, point, face, -10, 10));

@@ -9,26 +9,17 @@
 #include <cmath>
 #include <cstring>
 #include <numbers>
-#include <iostream>
-#include <sstream>
 #include <vector>
 
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {
 
 using meshes::Kind;
-
-std::unique_ptr<BspNode> quietTree(const MeshView& view, int32_t dimension) {
-    std::ostringstream sink;
-    auto* previous = std::cout.rdbuf(sink.rdbuf());
-    auto root = std::make_unique<BspNode>(dimension, &view, true);
-    std::cout.rdbuf(previous);
-    return root;
-}
 
 bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 bool sameBits(const Vec3& a, const Vec3& b) {
@@ -110,7 +101,7 @@ class FlatCopy : public ::testing::TestWithParam<Kind> {};
 TEST_P(FlatCopy, AnswersExactlyAsTheTree) {
     const auto mesh = meshes::withFaceCount(GetParam(), 2500, 31);
     const MeshView view{&mesh->nodes, &mesh->faces};
-    const auto root = quietTree(view, mesh->faces.dimension);
+    const auto root = models::quietTree(view);
     const TraversalTree flat(*root);
     EXPECT_EQ(flat.nodeCount(), countNodes(*root));
     EXPECT_GT(flat.bytes(), flat.nodeCount() * sizeof(TraversalTree::Node));
@@ -126,7 +117,7 @@ TEST_P(FlatCopy, AnswersExactlyAsTheTree) {
 TEST_P(FlatCopy, OriginsOnSplitPlanes) {
     const auto mesh = meshes::withFaceCount(GetParam(), 1500, 8);
     const MeshView view{&mesh->nodes, &mesh->faces};
-    const auto root = quietTree(view, mesh->faces.dimension);
+    const auto root = models::quietTree(view);
     const TraversalTree flat(*root);
     std::vector<std::pair<int32_t, double>> splits;
     collectSplits(*root, splits);
@@ -180,7 +171,7 @@ TEST(FlatCopyMixedFaces, PolygonsWithAndWithoutRecords) {
     mixed.obstacleCenter = mesh->obstacleCenter;
     mixed.obstacleRadius = mesh->obstacleRadius;
     const MeshView view{&mixed.nodes, &mixed.faces};
-    const auto root = quietTree(view, 3);
+    const auto root = models::quietTree(view);
     const TraversalTree flat(*root);
     meshes::Rng rng(1);
     std::vector<meshes::Ray> rays;
@@ -202,7 +193,7 @@ TEST(FlatCopyMixedFaces, SegmentsAndConesWithFewNodes) {
         mesh->addFace({1, 2, 3});
         computeFaceGeometry(mesh->faces);
         const MeshView view{&mesh->nodes, &mesh->faces};
-        const auto root = quietTree(view, mesh->faces.dimension);
+        const auto root = models::quietTree(view);
         const TraversalTree flat(*root);
         meshes::Rng rng(2);
         int hits = 0;
@@ -218,7 +209,7 @@ TEST(FlatCopyMixedFaces, SegmentsAndConesWithFewNodes) {
 TEST(FlatCopyConeEnds, RaysAtSegmentEndsAnswerAsTheTree) {
     const auto mesh = meshes::withFaceCount(Kind::Axisymmetric, 300, 77);
     const MeshView view{&mesh->nodes, &mesh->faces};
-    const auto root = quietTree(view, 1);
+    const auto root = models::quietTree(view);
     const TraversalTree flat(*root);
     meshes::Rng rng(3);
     std::vector<meshes::Ray> rays;
@@ -244,7 +235,7 @@ TEST(FlatCopySmallTrees, EmptyAndSingleLeafTrees) {
     NodeArray nodes;
     FaceSet faces(3, nodes);
     const MeshView view{&nodes, &faces};
-    const auto empty = quietTree(view, 3);
+    const auto empty = models::quietTree(view);
     const TraversalTree flatEmpty(*empty);
     EXPECT_EQ(flatEmpty.nodeCount(), 1u);
     EXPECT_EQ(flatEmpty.leafEntryCount(), 0u);
@@ -259,7 +250,7 @@ TEST(FlatCopySmallTrees, EmptyAndSingleLeafTrees) {
     square.addFace({0, 1, 2, 3});
     computeFaceGeometry(square.faces);
     const MeshView squareView{&square.nodes, &square.faces};
-    const auto leaf = quietTree(squareView, 3);
+    const auto leaf = models::quietTree(squareView);
     const TraversalTree flat(*leaf);
     EXPECT_EQ(flat.nodeCount(), 1u);
     ASSERT_TRUE(flat.trace(Vec3(0, 0, 0), Vec3(0, 0, 1), point, face));

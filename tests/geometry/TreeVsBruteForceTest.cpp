@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "geometry/RayTraversal.h"
+#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 
 namespace hemiray {
@@ -63,10 +64,8 @@ TEST_P(TreeVsBruteForce, TreeFindsTheNearestFaceOfAllFaces) {
     // brute force on 100000 rays.
     const auto mesh = meshes::withFaceCount(kind, 320, 20240611);
     MeshView view{&mesh->nodes, &mesh->faces};
-    std::ostringstream depthLine;
-    auto* previous = std::cout.rdbuf(depthLine.rdbuf());
-    const BspNode root(mesh->faces.dimension, &view, true);
-    std::cout.rdbuf(previous);
+    const auto tree = models::quietTree(view);
+    const BspNode& root = *tree;
     // The tree splits every axis it measures somewhere, the radius of axisymmetric
     // runs (a cylinder) included, so that every kind of split plane is crossed.
     std::vector<bool> splitAxes(3, false);

@@ -168,6 +168,9 @@ TEST_P(ValidationCase, MatchesTheClosedForms) {
 //   sphere, 6 x 12 facets                 R 8:  1.04e-2   R 16:  4.28e-3
 //   cube, 4 x 4 per wall                  R 8:  1.58e-2
 //   3D channel, 100 + 100 faces           R 8:  5.40e-3
+//   parallel rectangles, 4x4 and 8x8      R 8:  7.93e-3   R 16:  1.60e-3
+//   perpendicular rectangles, same        R 8:  6.14e-3   R 16:  1.68e-3
+//   axisymmetric coaxial discs, 8/32 rings R 10: 2.66e-3  R 40:  3.07e-4
 INSTANTIATE_TEST_SUITE_P(
     Fast, ValidationCase,
     ::testing::Values(
@@ -186,7 +189,13 @@ INSTANTIATE_TEST_SUITE_P(
         Expectation{"sphere", [] { return sphere(6, 12); }, 8, 2.1e-2, 3},
         Expectation{"sphere", [] { return sphere(6, 12); }, 16, 8.6e-3, 3},
         Expectation{"cube", [] { return cube(4); }, 8, 3.2e-2, 3},
-        Expectation{"3d channel", [] { return channel3d(10); }, 8, 1.1e-2, 2}),
+        Expectation{"3d channel", [] { return channel3d(10); }, 8, 1.1e-2, 2},
+        Expectation{"parallel rectangles", [] { return parallelRectangles(4); }, 8, 1.6e-2, 3},
+        Expectation{"parallel rectangles", [] { return parallelRectangles(8); }, 16, 3.2e-3, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(4); }, 8, 1.3e-2, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(8); }, 16, 3.4e-3, 3},
+        Expectation{"coaxial discs", [] { return coaxialDiscs(8); }, 10, 5.4e-3, 1},
+        Expectation{"coaxial discs", [] { return coaxialDiscs(32); }, 40, 6.2e-4, 1}),
     [](const ::testing::TestParamInfo<Expectation>& param) {
         std::string name = param.param.label + " R" + std::to_string(param.param.resolution);
         for (char& ch : name)

@@ -1,7 +1,7 @@
-// Rows of view factors against closed-form references, the 100-reflection cap,
-// absorbing zones and the bookkeeping of rows: empty rows, glob means, zero-area
-// faces and the use of the generator. Closed enclosures, mirror and periodic
-// models and more closed forms in the three modes are the validation cases
+// Rows of view factors: the 100-reflection cap, absorbing zones and the bookkeeping
+// of rows: empty rows, glob means, zero-area faces and the use of the generator.
+// Rows against closed forms in the three modes (rectangles, discs, closed
+// enclosures, mirror and periodic models) are the validation cases
 // (tests/validation).
 //
 // Tolerances come from the measured discretisation error of each configuration
@@ -22,81 +22,6 @@ namespace {
 using models::RandomStateGuard;
 using models::CodeMesh;
 constexpr double pi = std::numbers::pi;
-
-// ---------------------------------------------------------------------------
-// Closed-form references
-
-// 3D: the emitter is cut into n x n faces with n = res / 2, so both the hemicube
-// and the midpoint rule over the emitter improve together. With the frames turned
-// at random the cut cells average out and the error falls as 1/res^2: over 20
-// generator states the worst errors were 0.46, 0.30 and 0.32 / res^2 (parallel)
-// and 0.42, 0.57 and 0.54 / res^2 (perpendicular) at res 8, 16, 32; the bounds
-// are 0.6 and 0.8 / res^2.
-TEST(ViewFactorRow, RectanglesMatchTheCatalogue) {
-    RandomStateGuard guard;
-    // The emitter [0,1] x [0,w] at z = 0 facing +z; the target one face.
-    struct Case {
-        double w;
-        Vec3 targetCorner, targetU, targetV;
-        double truth, bound;
-    };
-    const Case cases[] = {
-        {2, Vec3(0, 0, 1), Vec3(0, 2, 0), Vec3(1, 0, 0),  // normal -z
-         analytic::parallelRectangles(1, 2, 1), 0.6},
-        {0.5, Vec3(0, 0, 0), Vec3(0, 0, 2), Vec3(1, 0, 0),  // normal +y
-         analytic::perpendicularRectangles(1, 0.5, 2), 0.8},
-    };
-    for (const Case& c : cases) {
-        for (int res : {8, 16, 32}) {
-            CodeMesh mesh(3);
-            const int32_t wall = mesh.addZone(1);
-            mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, c.w, 0), res / 2, res / 2);
-            mesh.addGrid(wall, 1, c.targetCorner, c.targetU, c.targetV);
-            mesh.finish();
-            setThreadRandomState(1);
-            const auto row = mesh.row(0, Hemisphere(3, res));
-            EXPECT_NEAR(row[1], c.truth, c.bound / (res * res)) << c.truth << ", res " << res;
-            EXPECT_EQ(row[0], 0.0);  // a flat glob does not see itself
-        }
-    }
-}
-
-// Axisymmetric: each emitter ring is its own glob, so its row is the view factor
-// of the ring (of any point on it) to the opposite disc; weighting the rings by
-// their revolved areas gives the disc-to-disc factor. (A glob of several rings
-// weights its faces by segment length, not by revolved area.) The frame is not
-// turned here, so cells cut by the disc's rim do not average out: the error is
-// O(1/res) and irregular. Over 8 to 32 rings and res 10 to 80 the worst ring was
-// 0.22 / res off, and the disc value, a weighted mean of the rings, no worse;
-// the bound is 0.3 / res.
-TEST(ViewFactorRow, CoaxialDisksMatchTheCatalogue) {
-    const double r1 = 1, r2 = 0.8, L = 0.6;
-    const double truth = analytic::coaxialDisks(r1, r2, L);
-    struct Case {
-        int rings, res;
-    };
-    for (const Case& k : {Case{8, 10}, Case{16, 20}, Case{32, 40}}) {
-        const double tolerance = 0.3 / k.res;
-        CodeMesh mesh(1);
-        const int32_t wall = mesh.addZone(1);
-        for (int i = 0; i < k.rings; ++i)
-            mesh.addSegment(wall, i, Vec3(0, r1 * i / k.rings, 0),
-                            Vec3(0, r1 * (i + 1) / k.rings, 0));
-        mesh.addSegment(wall, k.rings, Vec3(L, r2, 0), Vec3(L, 0, 0));
-        mesh.finish();
-        const Hemisphere hemisphere(3, k.res);
-        double weighted = 0, area = 0;
-        for (int i = 0; i < k.rings; ++i) {
-            const double rMid = r1 * (i + 0.5) / k.rings;
-            const auto row = mesh.row(i, hemisphere);
-            const double pointTruth = analytic::pointToParallelDisk(L, r2, rMid);
-            EXPECT_NEAR(row[k.rings], pointTruth, tolerance) << "ring " << i;
-            weighted += rMid * row[k.rings];
-            area += rMid;
-        }
-        EXPECT_NEAR(weighted / area, truth, tolerance) << "res " << k.res;
-    }
-}
 
 // ---------------------------------------------------------------------------
 // The reflection cap and absorbing zones
