@@ -14,13 +14,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <sstream>
 #include <string>
 
 #include "SparseRowVector"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
-#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 #include "support/Checksum.h"
 #include "support/LoadedModel.h"
@@ -31,6 +31,7 @@ namespace hemiray {
 namespace {
 
 using testing::Fnv1a;
+using testing::exampleText;
 using testing::hex;
 
 struct GuardCase {
@@ -74,7 +75,7 @@ class ResultBytesGuard : public ::testing::TestWithParam<GuardCase> {};
 
 TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
     const GuardCase& c = GetParam();
-    const std::string text = testing::exampleText(c.model, c.n, c.resolution);
+    const std::string text = exampleText(c.model, c.n, c.resolution);
     testing::ScratchDir dir;
     for (const bool binary : {false, true}) {
         testing::writeFile(dir.file("m"), text);
@@ -94,7 +95,7 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
 TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
     const GuardCase& c = GetParam();
     testing::LoadedModel model;
-    ASSERT_TRUE(testing::loadModel(testing::exampleText(c.model, c.n, c.resolution), model));
+    ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
     const TraversalTree flat(*model.tree);
     for (const bool throughFlatCopy : {false, true}) {
         SparseRowVector row;
@@ -145,8 +146,10 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
     const TraceCase& c = GetParam();
     const auto mesh = meshes::withFaceCount(c.kind, 3000, 2024);
     const MeshView view{&mesh->nodes, &mesh->faces};
-    const auto tree = models::quietTree(view);
-    const BspNode& root = *tree;
+    std::ostringstream quiet;
+    auto* previous = std::cout.rdbuf(quiet.rdbuf());
+    const BspNode root(mesh->faces.dimension, &view, true);
+    std::cout.rdbuf(previous);
     const TraversalTree flat(root);
     const auto rays = meshes::randomRays(*mesh, 4096, 99);
     for (const bool throughFlatCopy : {false, true}) {
