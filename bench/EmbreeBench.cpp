@@ -23,7 +23,7 @@
 #include <memory>
 #include <mutex>
 
-#include "BenchModels.h"
+#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "geometry/BspTree.h"
 #include "geometry/TraversalTree.h"

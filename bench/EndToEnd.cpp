@@ -37,7 +37,7 @@
 #include <string>
 #include <vector>
 
-#include "BenchModels.h"
+#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "SparseRowVector"
 #include "geometry/BspTree.h"

@@ -14,7 +14,7 @@
 
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
-#include "support/Meshes.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {

@@ -7,7 +7,7 @@
 #include <map>
 #include <memory>
 
-#include "BenchModels.h"
+#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "SparseRowVector"
 #include "geometry/BspTree.h"

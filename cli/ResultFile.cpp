@@ -129,7 +129,7 @@ bool readResultFile(const std::string& path, ResultFile& result, std::string& er
             continue;
         }
         switch (id) {
-        case 10: readNodeSection(in, dimension == 3 ? 3 : 2, result.nodes); break;
+        case 10: readNodeSection(in, nodeCoordinateCount(dimension), result.nodes); break;
         case 311: readFaceSection(in, result.allFaces, result.participatingFaces, result.zones); break;
         case 309: readGlobSection(in, result.allFaces, result.participatingFaces, result.zones); break;
         case 18: readPeriodicSection(in, result.allFaces, result.zones); break;

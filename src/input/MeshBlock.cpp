@@ -173,7 +173,7 @@ void readBlockNodes(const MeshBlockView& block, int32_t dimension, NodeArray& no
     HEMIRAY_CHECK(dimension >= 1 && dimension <= 3, "dimension >= 1 && dimension <= 3");
     // Axisymmetric nodes carry x and y like planar ones; z only counts in 3D. Leaving
     // it at 0 otherwise gives the same model as the text form, which has no z there.
-    const int coordinates = dimension == 3 ? 3 : 2;
+    const int coordinates = nodeCoordinateCount(dimension);
     nodes.assign(static_cast<size_t>(block.nodeCount), Vec3());
     for (int64_t nodeIndex = 0; nodeIndex < block.nodeCount; ++nodeIndex)
         for (int k = 0; k < coordinates; ++k) {

@@ -19,6 +19,18 @@ inline constexpr int32_t zoneTypeMirror = 2007;
 inline constexpr int32_t zoneTypePeriodicShadow = 2008;
 inline constexpr int32_t zoneTypePeriodic = 2012;
 
+// Mappings from the model's dimension (1 axisymmetric, 2 planar, 3 three-dimensional),
+// written once here so that readers, writers and front ends agree.
+// Coordinates each node carries in the input: (x, r) or (x, y) below 3D.
+constexpr int nodeCoordinateCount(int32_t dimension) { return dimension == 3 ? 3 : 2; }
+// Direction set of the hemisphere: a half circle in the plane (2), a hemisphere in
+// 3D and axisymmetric runs (3), whose rays leave the meridian plane.
+constexpr int hemisphereMode(int32_t dimension) { return dimension == 2 ? 2 : 3; }
+
+// A revolved face (a cone, cylinder or annulus) counts as hit only at least this far
+// along the ray: a nearer root is the surface the ray leaves.
+inline constexpr double minimumConeHitDistance = 1e-10;
+
 // Walls and the three ray-steering zone types also go into the participating set.
 constexpr bool isParticipatingZoneType(int32_t zoneType) {
     return zoneType < zoneTypeSpecial || zoneType == zoneTypeMirror ||

@@ -10,7 +10,7 @@
 #include <limits>
 #include <sstream>
 
-#include "../support/Meshes.h"
+#include "models/RandomMeshes.h"
 #include "geometry/BspTree.h"
 
 namespace hemiray {

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "../support/Meshes.h"
+#include "models/RandomMeshes.h"
 #include "geometry/FaceGeometry.h"
 
 namespace hemiray {

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "../support/Meshes.h"
+#include "models/RandomMeshes.h"
 #include "geometry/GlobCentroids.h"
 
 namespace hemiray {

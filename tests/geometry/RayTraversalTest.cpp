@@ -6,12 +6,12 @@
 
 #include <array>
 #include <cmath>
-#include <iostream>
 #include <limits>
-#include <sstream>
 
-#include "../support/Meshes.h"
+#include "models/QuietTree.h"
+#include "models/RandomMeshes.h"
 #include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
 
 namespace hemiray {
 namespace {
@@ -29,13 +29,16 @@ double hitAt(const Mesh& mesh, int32_t face, const Vec3& O, const Vec3& D, doubl
     return intersectFace(mesh.faces, face, O, D, tmin, tmax, t) ? t : miss;
 }
 
-// A tree without printing its depth line.
-std::unique_ptr<BspNode> quietTree(const MeshView& view) {
-    std::ostringstream out;
-    auto* previous = std::cout.rdbuf(out.rdbuf());
-    auto root = std::make_unique<BspNode>(view.faces->dimension, &view, true);
-    std::cout.rdbuf(previous);
-    return root;
+// The traversal of the node tree and of its flat tracing copy, which must agree,
+// outputs left alone on a miss included.
+bool traverseBoth(const BspNode& root, const Vec3& O, const Vec3& D, Vec3& point,
+                  int32_t& face, double tmin, double tmax) {
+    Vec3 flatPoint = point;
+    int32_t flatFace = face;
+    const bool flatHit = TraversalTree(root).traverse(O, D, flatPoint, flatFace, tmin, tmax);
+    const bool hit = traversePlanar(root, O, D, point, face, tmin, tmax);
+    EXPECT_EQ(std::tuple(flatHit, flatFace, flatPoint), std::tuple(hit, face, point));
+    return hit;
 }
 
 TEST(SafeDivide, DividesOrSaturatesWithTheSignOfTheQuotient) {
@@ -265,19 +268,19 @@ TEST(Traversal, LaterFaceAtTheSameParameterWinsAndOutputsChangeOnlyOnAHit) {
     two.addFace({0, 1, 2, 3});
     computeFaceGeometry(two.faces);
     const MeshView view{&two.nodes, &two.faces};
-    const auto root = quietTree(view);
+    const auto root = models::quietTree(view);
     Vec3 point(7, 7, 7);
     int32_t face = 42;
-    EXPECT_FALSE(traversePlanar(*root, {0, 0, 0}, {0, 0, -1}, point, face, -10, 10));
-    EXPECT_FALSE(traversePlanar(*root, {0, 0, 0}, {0, 0, 1}, point, face, -10, 0.5));
+    EXPECT_FALSE(traverseBoth(*root, {0, 0, 0}, {0, 0, -1}, point, face, -10, 10));
+    EXPECT_FALSE(traverseBoth(*root, {0, 0, 0}, {0, 0, 1}, point, face, -10, 0.5));
     EXPECT_EQ(point, Vec3(7, 7, 7));
     EXPECT_EQ(face, 42);
-    ASSERT_TRUE(traversePlanar(*root, {0, 0, 0}, {0, 0, 1}, point, face, -1, 10));
+    ASSERT_TRUE(traverseBoth(*root, {0, 0, 0}, {0, 0, 1}, point, face, -1, 10));
     EXPECT_EQ(face, 1);
     EXPECT_EQ(point, Vec3(0, 0, 1));
     // The order of the list decides, not the face index.
     std::swap(root->faceList[0], root->faceList[1]);
-    ASSERT_TRUE(traversePlanar(*root, {0, 0, 0}, {0, 0, 1}, point, face, -1, 10));
+    ASSERT_TRUE(traverseBoth(*root, {0, 0, 0}, {0, 0, 1}, point, face, -1, 10));
     EXPECT_EQ(face, 0);
 }
 
@@ -314,15 +317,18 @@ TEST(Traversal, OriginOnTheSplitPlaneWithNegativeDirectionSearchesHighFirst) {
     ASSERT_EQ(low.faces.faceNormal[0], Vec3(4, 0, 0));
     Vec3 point;
     int32_t face = -1;
-    ASSERT_TRUE(traversePlanar(lowRoot, {0, 0.1, 0.2}, {-1, 0, 0}, point, face, -5, 5));
+    const auto traverse = [&](const BspNode& root, const Vec3& O, const Vec3& D) {
+        return traverseBoth(root, O, D, point, face, -5, 5);
+    };
+    ASSERT_TRUE(traverse(lowRoot, {0, 0.1, 0.2}, {-1, 0, 0}));
     EXPECT_EQ(face, 1);
     EXPECT_EQ(point, Vec3(-2, 0.1, 0.2));
     // Off the plane the near side comes first and stops the search at the plane.
-    ASSERT_TRUE(traversePlanar(lowRoot, {1e-9, 0.1, 0.2}, {-1, 0, 0}, point, face, -5, 5));
+    ASSERT_TRUE(traverse(lowRoot, {1e-9, 0.1, 0.2}, {-1, 0, 0}));
     EXPECT_EQ(face, 0);
     // A positive direction on the plane searches the low child first.
     twoLeaves(1, 2, high, highView, highRoot);
-    ASSERT_TRUE(traversePlanar(highRoot, {0, 0.1, 0.2}, {1, 0, 0}, point, face, -5, 5));
+    ASSERT_TRUE(traverse(highRoot, {0, 0.1, 0.2}, {1, 0, 0}));
     EXPECT_EQ(face, 0);
     EXPECT_EQ(point, Vec3(1, 0.1, 0.2));
 }

@@ -1,14 +1,15 @@
-// The in-memory block readers against blocks written byte by byte from the layout
-// in hemiray/raytracing.h: both families give the model that the text readers give
-// for the same mesh, and every defined error. Blocks lie right before an
+// In-memory blocks: the packed block of a sample model, byte for byte, against a
+// hex dump written from the layout in hemiray/raytracing.h; both families read back
+// as the model the text readers give, for text that exercises the readers' odd
+// corners; and every defined error of a damaged block. Blocks lie right before an
 // inaccessible page, so a read past a block's end crashes the test instead of
 // passing unnoticed.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <iomanip>
 #include <random>
 #include <string>
 #include <sys/mman.h>
@@ -17,27 +18,25 @@
 
 #include "MeshFixture.h"
 #include "input/MeshBlock.h"
+#include "input/MeshBlockPacker.h"
+#include "run/InputSource.h"
+#include "support/RunHelpers.h"
 
 namespace hemiray {
 namespace {
 
 using ::testing::ExitedWithCode;
 
-// Little-endian bytes appended field by field, with patching at known offsets.
+// Little-endian patches at known offsets.
 struct Bytes {
     std::vector<unsigned char> data;
 
-    void u64(uint64_t v, int width = 8) {
-        for (int i = 0; i < width; ++i) data.push_back(static_cast<unsigned char>(v >> (8 * i)));
-    }
-    void i32(int32_t v) { u64(static_cast<uint32_t>(v), 4); }
-    void f64(double v) { u64(std::bit_cast<uint64_t>(v)); }
     void patch(size_t offset, uint64_t v, int width) {
         for (int i = 0; i < width; ++i) data[offset + i] = static_cast<unsigned char>(v >> (8 * i));
     }
     void patchI32(size_t offset, int32_t v) { patch(offset, static_cast<uint32_t>(v), 4); }
     void patchU64(size_t offset, uint64_t v) { patch(offset, v, 8); }
-    void append(const Bytes& part) { data.insert(data.end(), part.data.begin(), part.data.end()); }
+    void grow(size_t bytes) { data.resize(data.size() + bytes); }
 };
 
 // Head offsets, from the layout table.
@@ -50,44 +49,11 @@ constexpr size_t countOffsets[] = {96, 100, 104, 108, 112};  // nodes .. periodi
 //   zone 7: outlet (2010), polygons, one face 3-0 (glob 2) and one face without
 //           nodes (glob 3);
 //   one rotational pair 6 -> 5, angle 0.5 about the axis through (1,2,3) along z.
-// Nodes carry z = 99, which a planar run must not read.
-void appendHead(Bytes& b, uint32_t tag, uint64_t totalBytes) {
-    for (int32_t v : {7, 8, 3, 4, 2}) b.i32(v);  // size values; dimension 2
-    b.u64(tag, 4);
-    for (double v : {0.5, 0.25, 1e-3}) b.f64(v);  // param4, param7, param10
-    for (int32_t v : {1, 8, 0, 1, 1, 2, 3, 4}) b.i32(v);  // param1 .. param11
-    b.i32(9);  // param13 stands before param12
-    b.i32(7);
-    b.u64(totalBytes);
-    for (int32_t v : {4, 3, 5, 8, 1, 0}) b.i32(v);  // nodes, zones, faces, references, pairs
-}
-
-// The sample's mesh and parameters as text.
-const std::string sampleNodesText = "(10 (1 1 4 1 2)(0 0 1 0 1 1 0 1))";
-const std::string sampleFacesText =
+const std::string sampleText =
+    "(0 sample)\n(7 8 3 4 2)\n(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 7 9)\n"
+    "(10 (1 1 4 1 2)(0 0 1 0 1 1 0 1))"
     "(311 (5 1 2 3 2)(1 2 2 3))(311 (6 3 3 2012 0)(2 3 4))(311 (7 4 5 2010 5)(2 4 1 0))"
-    "(309 (5 1 2 3 2)(0 1))(309 (7 4 5 2010 5)(2 3))";
-const std::string samplePairText = "(18 (6 5) 1 0.5 1 2 3 0 0 1)";
-const char* sampleParameterText = "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 7 9)";
-
-struct SampleArrays {
-    Bytes nodes, periodic, zones, faceNodeCounts, faceNodes, faceGlobs;
-    std::vector<const Bytes*> inOrder() const {
-        return {&nodes, &periodic, &zones, &faceNodeCounts, &faceNodes, &faceGlobs};
-    }
-};
-
-SampleArrays sampleArrays() {
-    SampleArrays a;
-    for (double v : {0, 0, 99, 1, 0, 99, 1, 1, 99, 0, 1, 99}) a.nodes.f64(v);
-    for (int32_t v : {6, 5, 1, 0}) a.periodic.i32(v);  // rotational; reserved
-    for (double v : {0.5, 1.0, 2.0, 3.0, 0.0, 0.0, 1.0, 9.0, 9.0, 9.0}) a.periodic.f64(v);
-    for (int32_t v : {5, 1, 2, 3, 2, 6, 3, 3, 2012, 0, 7, 4, 5, 2010, 5}) a.zones.i32(v);
-    for (int32_t v : {2, 2, 2, 2, 0}) a.faceNodeCounts.i32(v);
-    for (int32_t v : {0, 1, 1, 2, 2, 3, 3, 0}) a.faceNodes.i32(v);
-    for (int32_t v : {0, 1, -1, 2, 3}) a.faceGlobs.i32(v);
-    return a;
-}
+    "(309 (5 1 2 3 2)(0 1))(309 (7 4 5 2010 5)(2 3))(18 (6 5) 1 0.5 1 2 3 0 0 1)";
 
 // Offsets in the packed block: a 120-byte head, then 24 per node, 96 per pair, 20
 // per zone, 4 per face count, 4 per node reference, 4 per glob.
@@ -95,21 +61,20 @@ constexpr size_t atPair = 120 + 4 * 24, atZones = atPair + 96;
 constexpr size_t atFaceNodeCounts = atZones + 3 * 20, atFaceNodes = atFaceNodeCounts + 5 * 4;
 constexpr uint64_t samplePackedBytes = atFaceNodes + 8 * 4 + 5 * 4;
 
-Bytes samplePackedBlock() {
-    Bytes b;
-    appendHead(b, 0x50425248u, samplePackedBytes);
-    const SampleArrays arrays = sampleArrays();
-    for (const Bytes* part : arrays.inOrder()) b.append(*part);
-    return b;
+Bytes asBytes(const void* data, size_t size) {
+    const auto* p = static_cast<const unsigned char*>(data);
+    return {{p, p + size}};
 }
 
-// A direct block over arrays the caller keeps alive: the head, then six 8-byte
-// pointers in the order of the packed arrays.
-Bytes directBlockOver(const SampleArrays& a) {
-    Bytes b;
-    appendHead(b, 0x44425248u, 168);
-    for (const Bytes* part : a.inOrder()) b.u64(reinterpret_cast<uintptr_t>(part->data.data()));
-    return b;
+Bytes samplePackedBlock() {
+    const std::vector<std::byte> packed = testing::packText(sampleText);
+    return asBytes(packed.data(), packed.size());
+}
+
+// A direct block over the arrays of a packed block, which the caller keeps alive.
+Bytes directBlockOver(const std::vector<std::byte>& packed) {
+    const hemiray_direct_block direct = directBlockFor(packed);
+    return asBytes(&direct, sizeof direct);
 }
 
 // Bytes placed so that the first byte after them is on a page that cannot be read.
@@ -149,34 +114,94 @@ void readWholeBlock(const std::vector<unsigned char>& bytes, bool direct, test::
                   mesh.zones);
 }
 
-// The block read against the text read, parameters included.
-void expectModelOfText(const std::vector<unsigned char>& bytes, bool direct, int32_t dimension,
-                       const std::string& text) {
-    test::Mesh expected(dimension), mesh(dimension);
-    expected.read(text, dimension);
-    std::istringstream parameterText(sampleParameterText);
-    RunParameters expectedParameters, parameters;
-    ASSERT_TRUE(readParameterSection(parameterText, expectedParameters));
-    readWholeBlock(bytes, direct, mesh, parameters);
-    test::expectSameMesh(mesh, expected);
-    EXPECT_EQ(test::fields(parameters), test::fields(expectedParameters));
+// Reads the text as a run does.
+void readText(const std::string& text, SizeSection& sizes, RunParameters& parameters,
+              test::Mesh& mesh) {
+    std::istringstream input(text);
+    ASSERT_TRUE(readSizeSection(input, sizes));
+    ASSERT_TRUE(readParameterSection(input, parameters));
+    readMeshSections(input, nodeCoordinateCount(sizes.dimension), mesh.nodes, mesh.allFaces,
+                     mesh.participatingFaces, mesh.zones);
+}
+
+// Packs the text, reads the block through both families and compares each model
+// with the one the text readers fill.
+void expectBlockMatchesText(const std::string& text) {
+    SizeSection sizes;
+    RunParameters parameters;
+    std::istringstream head(text);
+    ASSERT_TRUE(readSizeSection(head, sizes));
+    test::Mesh fromText(sizes.dimension);
+    readText(text, sizes, parameters, fromText);
+    std::vector<std::byte> packed = testing::packText(text);
+    // Below 3D a node's z is not read: make it one that would show.
+    int32_t nodeCount = 0;
+    std::memcpy(&nodeCount, packed.data() + countOffsets[0], 4);
+    const double z = 99;
+    for (int32_t k = 0; k < nodeCount && sizes.dimension != 3; ++k)
+        std::memcpy(packed.data() + 120 + 24 * k + 16, &z, 8);
+    for (const bool direct : {false, true}) {
+        SCOPED_TRACE(direct ? "direct" : "packed");
+        test::Mesh mesh(sizes.dimension);
+        RunParameters fromBlock;
+        readWholeBlock(direct ? directBlockOver(packed).data
+                              : asBytes(packed.data(), packed.size()).data,
+                       direct, mesh, fromBlock);
+        test::expectSameMesh(mesh, fromText);
+        EXPECT_EQ(test::fields(fromBlock), test::fields(parameters));
+    }
+}
+
+TEST(MeshBlock, PackedSampleHasTheDocumentedBytes) {
+    std::ostringstream dump;  // four bytes a word, eight words a line
+    const Bytes block = samplePackedBlock();
+    ASSERT_EQ(block.data.size(), samplePackedBytes);
+    for (size_t k = 0; k < block.data.size(); ++k)
+        dump << std::hex << std::setfill('0') << std::setw(2) << int{block.data[k]}
+             << (k % 32 == 31 ? "\n" : k % 4 == 3 ? " " : "");
+    EXPECT_EQ(dump.str() + "\n", testing::readFile(testing::goldenPath("sample-block.hex")));
 }
 
 TEST(MeshBlock, BothFamiliesGiveTheModelOfTheText) {
-    const std::string text = sampleNodesText + sampleFacesText + samplePairText;
-    expectModelOfText(samplePackedBlock().data, false, 2, text);
-    const SampleArrays arrays = sampleArrays();
-    expectModelOfText(directBlockOver(arrays).data, true, 2, text);
+    expectBlockMatchesText(sampleText);
+    // Three-dimensional nodes keep z; a translational pair shifts by its own vector.
+    std::string text = sampleText;
+    text.replace(text.find("(7 8 3 4 2)"), 11, "(7 8 3 4 3)");
+    text.replace(text.find("(0 0 1 0 1 1 0 1)"), 17, "(0 0 9 1 0 9 1 1 9 0 1 9)");
+    expectBlockMatchesText(text);
+    text = sampleText;
+    text.replace(text.find("1 0.5 1 2 3 0 0 1)"), 18, "0 9 8 7)");
+    expectBlockMatchesText(text);
+    // Axisymmetric nodes keep two coordinates.
+    expectBlockMatchesText(
+        "(5 0 1 1 1)\n(1 4 0 0 0 0 0 0 0 0 0 0 0)\n"
+        "(10 (1 1 2 1 2)(0 1  2 3))\n(311 (1 1 1 1 2)(1 2))\n(309 (1 1 1 1 2)(0))\n");
+    // A reversed face range (zone 9) that lowers the running face total, a zone id
+    // used twice (4), a face without nodes, zones that do not take part, a glob
+    // section whose range comes from the shifted total, one translational and one
+    // rotational pair, and a zone count that differs from the zones.
+    expectBlockMatchesText(
+        "(0 quirks)\n(11 12 7 6 3)\n(2 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
+        "(10 (1 1 5 1 3)(0 0 0  1 0 0  1 1 0  0 1 0  0.5 0.5 1))\n"
+        "(311 (4 1 2 1 3)(1 2 3 1 3 4))\n(311 (9 3 1 3 4)())\n"
+        "(311 (4 3 4 2012 0)(3 1 2 5 -1))\n(311 (12 5 6 2010 5)(4 1 2 3 4 0))\n"
+        "(311 (13 7 7 2007 2)(5 1))\n(309 (4 1 2 1 3)(0 1))\n(309 (12 5 6 0 0)(2 3))\n"
+        "(18 (4 12) 0 1.5 -2 0)\n(18 (13 9) 1 0.25 0 0 0 0 0 1)\n");
+}
 
-    // Three-dimensional blocks read z; a translational pair shifts by its own vector.
-    Bytes b = samplePackedBlock();
-    b.patchI32(atDimension, 3);
-    expectModelOfText(b.data, false, 3,
-                      "(10 (1 1 4 1 3)(0 0 99 1 0 99 1 1 99 0 1 99))" + sampleFacesText +
-                          samplePairText);
-    b = samplePackedBlock();
-    b.patchI32(atPair + 8, 0);
-    expectModelOfText(b.data, false, 2, sampleNodesText + sampleFacesText + "(18 (6 5) 0 9 9 9)");
+TEST(MeshBlock, UnreadableSectionsAreReportedByThePacker) {
+    std::vector<std::byte> block;
+    std::string error;
+    std::istringstream noSizes("(0 two words)(1 2 3 4 3)");
+    EXPECT_FALSE(packTextModel(noSizes, block, error));
+    EXPECT_EQ(error, "reading size section!");
+    std::istringstream noParameters("(5 0 1 1 3)(1 8 0");
+    EXPECT_FALSE(packTextModel(noParameters, block, error));
+    EXPECT_EQ(error, "reading parameter section!");
+    std::istringstream badDimension("(5 0 1 1 4)(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)");
+    EXPECT_FALSE(packTextModel(badDimension, block, error));
+    EXPECT_EQ(error, "dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3");
+    EXPECT_TRUE(block.empty());
 }
 
 TEST(MeshBlock, HostParameterBlockIsCopiedByNameFromAnyAddress) {
@@ -220,7 +245,7 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
          [](Bytes& b) { b.patchU64(atTotalBytes, samplePackedBytes - 1); b.data.pop_back(); }},
         {false, overrun, [](Bytes& b) { b.patchU64(atTotalBytes, 100); }},  // shorter than the head
         {false, longer,
-         [](Bytes& b) { b.patchU64(atTotalBytes, samplePackedBytes + 4); b.i32(0); }},
+         [](Bytes& b) { b.patchU64(atTotalBytes, samplePackedBytes + 4); b.grow(4); }},
         {false, "",
          [](Bytes& b) {
              b.data.resize(120);
@@ -229,7 +254,7 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
          }},
         // A direct block's length is that of its own head.
         {true, overrun, [](Bytes& b) { b.patchU64(atTotalBytes, 160); }},
-        {true, longer, [](Bytes& b) { b.patchU64(atTotalBytes, 176); b.u64(0); }},
+        {true, longer, [](Bytes& b) { b.patchU64(atTotalBytes, 176); b.grow(8); }},
         // Without elements an array may be null.
         {true, "", [](Bytes& b) { b.patchI32(112, 0); b.patchU64(128, 0); }},
         {false, "element type not supported", [](Bytes& b) { b.patchI32(atZones + 16, 1); }},
@@ -280,9 +305,9 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
         damages.push_back({false, elementType == 0 || elementType == 5 ? "" : mismatch,
                            [elementType](Bytes& b) { b.patchI32(atZones + 56, elementType); }});
 
-    const SampleArrays arrays = sampleArrays();
+    const std::vector<std::byte> packed = testing::packText(sampleText);
     for (const Damage& d : damages) {
-        Bytes b = d.direct ? directBlockOver(arrays) : samplePackedBlock();
+        Bytes b = d.direct ? directBlockOver(packed) : samplePackedBlock();
         d.apply(b);
         if (d.message.empty())
             EXPECT_EXIT(readAndExit(b.data, d.direct), ExitedWithCode(0), "^$");
@@ -293,7 +318,7 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
     // Each family's tag read as the other family.
     const std::string family = "^file i/o error: mesh block family does not match directFields\n$";
     EXPECT_EXIT(readAndExit(samplePackedBlock().data, true), ExitedWithCode(1), family);
-    EXPECT_EXIT(readAndExit(directBlockOver(arrays).data, false), ExitedWithCode(1), family);
+    EXPECT_EXIT(readAndExit(directBlockOver(packed).data, false), ExitedWithCode(1), family);
 }
 
 TEST(MeshBlockDeathTest, CorruptedBlocksNeverCrash) {

@@ -14,62 +14,25 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
-#include <iomanip>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "SparseRowVector"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
+#include "models/RandomMeshes.h"
+#include "support/Checksum.h"
 #include "support/LoadedModel.h"
-#include "support/Meshes.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray {
 namespace {
 
-// 64-bit FNV-1a.
-class Fnv1a {
-public:
-    void bytes(const void* data, size_t size) {
-        const auto* p = static_cast<const unsigned char*>(data);
-        for (size_t i = 0; i < size; ++i) {
-            hash_ ^= p[i];
-            hash_ *= 0x100000001b3ull;
-        }
-    }
-    void value(int64_t v) { bytes(&v, sizeof v); }
-    void value(double v) {
-        uint64_t bits = 0;
-        std::memcpy(&bits, &v, sizeof bits);
-        bytes(&bits, sizeof bits);
-    }
-    void value(const Vec3& v) {
-        for (double c : v.v) value(c);
-    }
-    uint64_t digest() const { return hash_; }
-
-private:
-    uint64_t hash_ = 0xcbf29ce484222325ull;
-};
-
-std::string hex(uint64_t v) {
-    std::ostringstream s;
-    s << "0x" << std::hex << std::setw(16) << std::setfill('0') << v;
-    return s.str();
-}
-
-std::string exampleText(const std::string& name, int n, int resolution) {
-    models::Model model;
-    EXPECT_TRUE(models::makeExample(name, n, resolution, model)) << name;
-    std::ostringstream text;
-    models::writeModelText(text, model);
-    return text.str();
-}
+using testing::Fnv1a;
+using testing::exampleText;
+using testing::hex;
 
 struct GuardCase {
     const char* model;

@@ -1,12 +1,10 @@
-// Whole runs against result files written by hand from the format description,
-// and the properties a host relies on: a result reads back as the same model with
-// the same rows, the output does not depend on the number of threads, and a model
-// without rows still gets a closed file. (Runs on two threads in fresh processes,
+// Whole runs against result files written by hand from the format description, a
+// model without rows, and the progress file. (A result read again as input and
+// thread independence are in EndToEndTest; runs on two threads in fresh processes,
 // where 3D rows must repeat, are the hemiray tool's BlockRunsMatchTextRuns.)
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <omp.h>
 #include <sstream>
 
 #include "run/InputSource.h"
@@ -24,9 +22,6 @@ using testing::ScratchDir;
 using testing::exampleText;
 using testing::writeFile;
 
-std::string goldenPath(const std::string& name) {
-    return std::string(HEMIRAY_TEST_DATA_DIR) + "/golden/" + name;
-}
 
 // Runs a copy of a model and returns the result file's bytes.
 std::string runCopy(const ScratchDir& dir, const std::string& name, const std::string& model,
@@ -60,8 +55,8 @@ class GoldenResult : public ::testing::TestWithParam<GoldenCase> {};
 TEST_P(GoldenResult, RunWritesTheHandWrittenFile) {
     const GoldenCase& c = GetParam();
     ScratchDir dir;
-    const std::string result = runCopy(dir, "model", readFile(goldenPath(c.model)), c.options);
-    EXPECT_EQ(result, readFile(goldenPath(c.expected)));
+    const std::string result = runCopy(dir, "model", readFile(testing::goldenPath(c.model)), c.options);
+    EXPECT_EQ(result, readFile(testing::goldenPath(c.expected)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -77,40 +72,6 @@ INSTANTIATE_TEST_SUITE_P(
             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
         return name + (param.param.options.threads > 1 ? "_2threads" : "");
     });
-
-// A result read again as input skips its rows and writes the same file again:
-// the same head sections (so the same model) and the same rows.
-TEST(ResultFile, ReadAgainGivesTheSameModelAndRows) {
-    ScratchDir dir;
-    for (const char* name : {"plates", "room-mirror", "plates-periodic", "cylinder", "polygon",
-                             "ring-periodic"}) {
-        setThreadRandomState(1);
-        const std::string first = runCopy(dir, "m", exampleText(name, 2, 6));
-        setThreadRandomState(1);
-        const std::string second = runCopy(dir, "again", first);
-        EXPECT_EQ(second, first) << name;
-    }
-}
-
-// Rows are computed in blocks of as many globs as slots and written in glob order,
-// so planar and axisymmetric results (no random numbers) are the same bytes for
-// any thread count.
-TEST(ResultFile, PlanarAndAxisymmetricRowsDoNotDependOnThreads) {
-    ScratchDir dir;
-    const int available = omp_get_max_threads();
-    for (const char* name : {"polygon", "ring-periodic", "cylinder"}) {
-        const std::string text = exampleText(name, 3, 10);
-        omp_set_num_threads(1);
-        const std::string one = runCopy(dir, "one", text, {false, true, 1});
-        omp_set_num_threads(2);
-        const std::string two = runCopy(dir, "two", text, {false, true, 2});
-        omp_set_num_threads(3);
-        const std::string three = runCopy(dir, "three", text, {false, true, 3});
-        EXPECT_EQ(one, two) << name;
-        EXPECT_EQ(one, three) << name;
-    }
-    omp_set_num_threads(available);
-}
 
 TEST(ResultFile, NoActiveGlobStillClosesTheRowSection) {
     ScratchDir dir;

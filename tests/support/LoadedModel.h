@@ -6,18 +6,17 @@
 #pragma once
 
 #include <cstdint>
-#include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
 
 #include "Hemisphere"
-#include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
 #include "input/MeshModel.h"
 #include "input/ParameterSection.h"
 #include "input/SectionReader.h"
+#include "models/QuietTree.h"
 #include "run/InputSource.h"
 
 namespace hemiray::testing {
@@ -50,18 +49,15 @@ inline bool loadModel(const std::string& text, LoadedModel& model) {
     model.allFaces = FaceSet(dimension, model.nodes);
     model.faces = FaceSet(dimension, model.nodes);
     model.zones = ZoneTable(model.sizes.zoneCount);
-    readMeshSections(in, dimension == 3 ? 3 : 2, model.nodes, model.allFaces, model.faces,
+    readMeshSections(in, nodeCoordinateCount(dimension), model.nodes, model.allFaces, model.faces,
                      model.zones);
     model.globs = std::make_unique<GlobTable>(model.sizes.globCount, model.faces);
     computeFaceGeometry(model.faces);
     placeGlobCentroids(*model.globs);
-    model.hemisphere = std::make_unique<Hemisphere>(dimension == 2 ? 2 : 3,
+    model.hemisphere = std::make_unique<Hemisphere>(hemisphereMode(dimension),
                                                     model.parameters.hemisphereResolution);
     model.view = MeshView{&model.nodes, &model.faces};
-    std::ostringstream quiet;
-    auto* previous = std::cout.rdbuf(quiet.rdbuf());
-    model.tree = std::make_unique<BspNode>(dimension, &model.view, true);
-    std::cout.rdbuf(previous);
+    model.tree = models::quietTree(model.view);
     return true;
 }
 

@@ -11,9 +11,11 @@
 #include <sstream>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "hemiray/raytracing.h"
 #include "models/ExampleModels.h"
+#include "run/BlockFromText.h"
 
 namespace hemiray::testing {
 
@@ -37,6 +39,11 @@ private:
     std::filesystem::path path_;
 };
 
+// A file of the hand-written expected results.
+inline std::string goldenPath(const std::string& name) {
+    return std::string(HEMIRAY_TEST_DATA_DIR) + "/golden/" + name;
+}
+
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -57,6 +64,15 @@ inline std::string exampleText(const std::string& name, int n, int resolution) {
     std::ostringstream text;
     models::writeModelText(text, model);
     return text.str();
+}
+
+// The text packed into an in-memory block.
+inline std::vector<std::byte> packText(const std::string& text) {
+    std::istringstream input(text);
+    std::vector<std::byte> block;
+    std::string error;
+    EXPECT_TRUE(packTextModel(input, block, error)) << error;
+    return block;
 }
 
 struct RunResult {

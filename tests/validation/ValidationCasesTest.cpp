@@ -23,7 +23,7 @@
 
 #include "validate/PointFactors.h"
 #include "validate/ValidationCases.h"
-#include "viewfactor/AnalyticViewFactors.h"
+#include "validate/AnalyticViewFactors.h"
 
 namespace hemiray {
 namespace {
@@ -43,24 +43,24 @@ TEST(PointFactors, PolygonMatchesTheCornerFormulaAndTheDisc) {
     for (double a : {0.2, 1.0, 3.0})
         for (double b : {0.5, 2.0})
             for (double c : {0.3, 1.0, 4.0})
-                EXPECT_NEAR(testmesh::pointToPolygon(Vec3(0, 0, 0), n, rectangle(0, 0, a, b, c)),
-                            testmesh::cornerToParallelRectangle(a, b, c), 1e-14)
+                EXPECT_NEAR(analytic::pointToPolygon(Vec3(0, 0, 0), n, rectangle(0, 0, a, b, c)),
+                            analytic::cornerToParallelRectangle(a, b, c), 1e-14)
                     << a << " " << b << " " << c;
     // A foot point inside the rectangle: four corner rectangles. Orientation does not
     // matter.
     const double x = 0.3, y = 0.7, a = 1, b = 2, c = 0.8;
-    const auto corner = testmesh::cornerToParallelRectangle;
+    const auto corner = analytic::cornerToParallelRectangle;
     const double four = corner(x, y, c) + corner(a - x, y, c) + corner(x, b - y, c) +
                         corner(a - x, b - y, c);
     auto r = rectangle(0, 0, a, b, c);
-    EXPECT_NEAR(testmesh::pointToPolygon(Vec3(x, y, 0), n, r), four, 1e-14);
+    EXPECT_NEAR(analytic::pointToPolygon(Vec3(x, y, 0), n, r), four, 1e-14);
     std::reverse(r.begin(), r.end());
-    EXPECT_NEAR(testmesh::pointToPolygon(Vec3(x, y, 0), n, r), four, 1e-14);
+    EXPECT_NEAR(analytic::pointToPolygon(Vec3(x, y, 0), n, r), four, 1e-14);
     // In the point's plane: nothing. A huge square close in front fills the
     // hemisphere: 1 - O((c / L)^2).
     const Vec3 P(0.5, 0.5, 0);
-    EXPECT_NEAR(testmesh::pointToPolygon(P, n, rectangle(1, 0, 2, 1, 0)), 0.0, 1e-15);
-    EXPECT_NEAR(testmesh::pointToPolygon(P, n, rectangle(-1e4, -1e4, 1e4, 1e4, 1)), 1.0, 1e-7);
+    EXPECT_NEAR(analytic::pointToPolygon(P, n, rectangle(1, 0, 2, 1, 0)), 0.0, 1e-15);
+    EXPECT_NEAR(analytic::pointToPolygon(P, n, rectangle(-1e4, -1e4, 1e4, 1e4, 1)), 1.0, 1e-7);
     // An area-matched regular polygon of many sides is the disc to fourth order in
     // the side angle.
     const int sides = 2048;
@@ -71,8 +71,8 @@ TEST(PointFactors, PolygonMatchesTheCornerFormulaAndTheDisc) {
         polygon.push_back(Vec3(scale * radius * std::cos(2 * pi * k / sides),
                                scale * radius * std::sin(2 * pi * k / sides), h));
     for (double rho : {0.0, 0.3, 0.79, 1.5})
-        EXPECT_NEAR(testmesh::pointToPolygon(Vec3(rho, 0, 0), n, polygon),
-                    testmesh::pointToParallelDisk(h, radius, rho), 1e-9)
+        EXPECT_NEAR(analytic::pointToPolygon(Vec3(rho, 0, 0), n, polygon),
+                    analytic::pointToParallelDisk(h, radius, rho), 1e-9)
             << rho;
 }
 
@@ -86,11 +86,11 @@ TEST(PointFactors, PointFactorsIntegrateToTheSurfaceFormulas) {
     for (int i = 0; i < m; ++i)
         for (int j = 0; j < m; ++j) {
             const double u = (i + 0.5) / m, v = (j + 0.5) / m;
-            parallel += testmesh::pointToPolygon(Vec3(u, 2 * v, 0), Vec3(0, 0, 1), top);
-            perpendicular += testmesh::pointToPolygon(Vec3(u, 0.5 * v, 0), Vec3(0, 0, 1), wall);
+            parallel += analytic::pointToPolygon(Vec3(u, 2 * v, 0), Vec3(0, 0, 1), top);
+            perpendicular += analytic::pointToPolygon(Vec3(u, 0.5 * v, 0), Vec3(0, 0, 1), wall);
         }
-    EXPECT_NEAR(parallel / (m * m), testmesh::parallelRectangles(1, 2, 1), 2e-6);
-    EXPECT_NEAR(perpendicular / (m * m), testmesh::perpendicularRectangles(1, 0.5, 2), 2e-5);
+    EXPECT_NEAR(parallel / (m * m), analytic::parallelRectangles(1, 2, 1), 2e-6);
+    EXPECT_NEAR(perpendicular / (m * m), analytic::perpendicularRectangles(1, 0.5, 2), 2e-5);
 
     // Segments: the emitters lie on y = 0 and face +y; a0 and b0 lie on the same
     // side of the strings.
@@ -103,20 +103,20 @@ TEST(PointFactors, PointFactorsIntegrateToTheSurfaceFormulas) {
         const int segments = 4000;
         double sum = 0;
         for (int i = 0; i < segments; ++i)
-            sum += testmesh::pointToSegment(p.a0 + (p.a1 - p.a0) * ((i + 0.5) / segments),
+            sum += analytic::pointToSegment(p.a0 + (p.a1 - p.a0) * ((i + 0.5) / segments),
                                             Vec3(0, 1, 0), p.b0, p.b1);
-        EXPECT_NEAR(sum / segments, testmesh::crossedStrings(p.a0, p.a1, p.b0, p.b1), 1e-6);
+        EXPECT_NEAR(sum / segments, analytic::crossedStrings(p.a0, p.a1, p.b0, p.b1), 1e-6);
     }
 
     // Along a tube's wall the ring element's factor to the end disc gives the
     // tube-to-disc factor, R / 2L (1 - F_disc-disc) by reciprocity.
-    EXPECT_DOUBLE_EQ(testmesh::cylinderWallToCrossSection(0, 1), 0.5);
+    EXPECT_DOUBLE_EQ(analytic::cylinderWallToCrossSection(0, 1), 0.5);
     for (double L : {0.5, 1.0, 3.0}) {
         const int rings = 20000;
         double sum = 0;
         for (int i = 0; i < rings; ++i)
-            sum += testmesh::cylinderWallToCrossSection(L * (i + 0.5) / rings, 1.0);
-        EXPECT_NEAR(sum / rings, (1 - testmesh::coaxialDisks(1, 1, L)) / (2 * L), 1e-9) << L;
+            sum += analytic::cylinderWallToCrossSection(L * (i + 0.5) / rings, 1.0);
+        EXPECT_NEAR(sum / rings, (1 - analytic::coaxialDisks(1, 1, L)) / (2 * L), 1e-9) << L;
     }
 }
 
@@ -168,6 +168,9 @@ TEST_P(ValidationCase, MatchesTheClosedForms) {
 //   sphere, 6 x 12 facets                 R 8:  1.04e-2   R 16:  4.28e-3
 //   cube, 4 x 4 per wall                  R 8:  1.58e-2
 //   3D channel, 100 + 100 faces           R 8:  5.40e-3
+//   parallel rectangles, 4x4 and 8x8      R 8:  7.93e-3   R 16:  1.60e-3
+//   perpendicular rectangles, same        R 8:  6.14e-3   R 16:  1.68e-3
+//   axisymmetric coaxial discs, 8/32 rings R 10: 2.66e-3  R 40:  3.07e-4
 INSTANTIATE_TEST_SUITE_P(
     Fast, ValidationCase,
     ::testing::Values(
@@ -186,7 +189,13 @@ INSTANTIATE_TEST_SUITE_P(
         Expectation{"sphere", [] { return sphere(6, 12); }, 8, 2.1e-2, 3},
         Expectation{"sphere", [] { return sphere(6, 12); }, 16, 8.6e-3, 3},
         Expectation{"cube", [] { return cube(4); }, 8, 3.2e-2, 3},
-        Expectation{"3d channel", [] { return channel3d(10); }, 8, 1.1e-2, 2}),
+        Expectation{"3d channel", [] { return channel3d(10); }, 8, 1.1e-2, 2},
+        Expectation{"parallel rectangles", [] { return parallelRectangles(4); }, 8, 1.6e-2, 3},
+        Expectation{"parallel rectangles", [] { return parallelRectangles(8); }, 16, 3.2e-3, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(4); }, 8, 1.3e-2, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(8); }, 16, 3.4e-3, 3},
+        Expectation{"coaxial discs", [] { return coaxialDiscs(8); }, 10, 5.4e-3, 1},
+        Expectation{"coaxial discs", [] { return coaxialDiscs(32); }, 40, 6.2e-4, 1}),
     [](const ::testing::TestParamInfo<Expectation>& param) {
         std::string name = param.param.label + " R" + std::to_string(param.param.resolution);
         for (char& ch : name)

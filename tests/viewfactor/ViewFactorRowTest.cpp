@@ -1,7 +1,7 @@
-// Rows of view factors against closed-form references, the 100-reflection cap,
-// absorbing zones and the bookkeeping of rows: empty rows, glob means, zero-area
-// faces and the use of the generator. Closed enclosures, mirror and periodic
-// models and more closed forms in the three modes are the validation cases
+// Rows of view factors: the 100-reflection cap, absorbing zones and the bookkeeping
+// of rows: empty rows, glob means, zero-area faces and the use of the generator.
+// Rows against closed forms in the three modes (rectangles, discs, closed
+// enclosures, mirror and periodic models) are the validation cases
 // (tests/validation).
 //
 // Tolerances come from the measured discretisation error of each configuration
@@ -13,90 +13,15 @@
 #include <cmath>
 #include <numbers>
 
-#include "AnalyticViewFactors.h"
-#include "TestMesh.h"
+#include "validate/AnalyticViewFactors.h"
+#include "models/CodeMesh.h"
 
 namespace hemiray {
 namespace {
 
-using testmesh::RandomStateGuard;
-using testmesh::TestMesh;
+using models::RandomStateGuard;
+using models::CodeMesh;
 constexpr double pi = std::numbers::pi;
-
-// ---------------------------------------------------------------------------
-// Closed-form references
-
-// 3D: the emitter is cut into n x n faces with n = res / 2, so both the hemicube
-// and the midpoint rule over the emitter improve together. With the frames turned
-// at random the cut cells average out and the error falls as 1/res^2: over 20
-// generator states the worst errors were 0.46, 0.30 and 0.32 / res^2 (parallel)
-// and 0.42, 0.57 and 0.54 / res^2 (perpendicular) at res 8, 16, 32; the bounds
-// are 0.6 and 0.8 / res^2.
-TEST(ViewFactorRow, RectanglesMatchTheCatalogue) {
-    RandomStateGuard guard;
-    // The emitter [0,1] x [0,w] at z = 0 facing +z; the target one face.
-    struct Case {
-        double w;
-        Vec3 targetCorner, targetU, targetV;
-        double truth, bound;
-    };
-    const Case cases[] = {
-        {2, Vec3(0, 0, 1), Vec3(0, 2, 0), Vec3(1, 0, 0),  // normal -z
-         testmesh::parallelRectangles(1, 2, 1), 0.6},
-        {0.5, Vec3(0, 0, 0), Vec3(0, 0, 2), Vec3(1, 0, 0),  // normal +y
-         testmesh::perpendicularRectangles(1, 0.5, 2), 0.8},
-    };
-    for (const Case& c : cases) {
-        for (int res : {8, 16, 32}) {
-            TestMesh mesh(3);
-            const int32_t wall = mesh.addZone(1);
-            mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, c.w, 0), res / 2, res / 2);
-            mesh.addGrid(wall, 1, c.targetCorner, c.targetU, c.targetV);
-            mesh.finish();
-            setThreadRandomState(1);
-            const auto row = mesh.row(0, Hemisphere(3, res));
-            EXPECT_NEAR(row[1], c.truth, c.bound / (res * res)) << c.truth << ", res " << res;
-            EXPECT_EQ(row[0], 0.0);  // a flat glob does not see itself
-        }
-    }
-}
-
-// Axisymmetric: each emitter ring is its own glob, so its row is the view factor
-// of the ring (of any point on it) to the opposite disc; weighting the rings by
-// their revolved areas gives the disc-to-disc factor. (A glob of several rings
-// weights its faces by segment length, not by revolved area.) The frame is not
-// turned here, so cells cut by the disc's rim do not average out: the error is
-// O(1/res) and irregular. Over 8 to 32 rings and res 10 to 80 the worst ring was
-// 0.22 / res off, and the disc value, a weighted mean of the rings, no worse;
-// the bound is 0.3 / res.
-TEST(ViewFactorRow, CoaxialDisksMatchTheCatalogue) {
-    const double r1 = 1, r2 = 0.8, L = 0.6;
-    const double truth = testmesh::coaxialDisks(r1, r2, L);
-    struct Case {
-        int rings, res;
-    };
-    for (const Case& k : {Case{8, 10}, Case{16, 20}, Case{32, 40}}) {
-        const double tolerance = 0.3 / k.res;
-        TestMesh mesh(1);
-        const int32_t wall = mesh.addZone(1);
-        for (int i = 0; i < k.rings; ++i)
-            mesh.addSegment(wall, i, Vec3(0, r1 * i / k.rings, 0),
-                            Vec3(0, r1 * (i + 1) / k.rings, 0));
-        mesh.addSegment(wall, k.rings, Vec3(L, r2, 0), Vec3(L, 0, 0));
-        mesh.finish();
-        const Hemisphere hemisphere(3, k.res);
-        double weighted = 0, area = 0;
-        for (int i = 0; i < k.rings; ++i) {
-            const double rMid = r1 * (i + 0.5) / k.rings;
-            const auto row = mesh.row(i, hemisphere);
-            const double pointTruth = testmesh::pointToParallelDisk(L, r2, rMid);
-            EXPECT_NEAR(row[k.rings], pointTruth, tolerance) << "ring " << i;
-            weighted += rMid * row[k.rings];
-            area += rMid;
-        }
-        EXPECT_NEAR(weighted / area, truth, tolerance) << "res " << k.res;
-    }
-}
 
 // ---------------------------------------------------------------------------
 // The reflection cap and absorbing zones
@@ -112,7 +37,7 @@ class HundredBounces : public ::testing::TestWithParam<int> {};
 TEST_P(HundredBounces, WallBehindNinetyNineReflectionsScoresAndBehindAHundredDoesNot) {
     const int reflections = GetParam();
     const double X = reflections / std::tan(pi / 8);
-    TestMesh mesh(2);
+    CodeMesh mesh(2);
     const int32_t wall = mesh.addZone(1), mirror = mesh.addZone(zoneTypeMirror);
     mesh.addSegment(wall, 0, Vec3(0, 0.25, 0), Vec3(0, 0.75, 0));  // normal +x
     mesh.addSegment(wall, 1, Vec3(X, 1, 0), Vec3(X, 0, 0));        // normal -x
@@ -142,15 +67,15 @@ TEST(ViewFactorRow, AbsorbingZoneEndsRaysWithoutScoring) {
     const Vec3 w0(-20, 2, 0), w1(21, 2, 0);
     const int n = 16, res = 128;
     for (bool absorber : {false, true}) {
-        TestMesh mesh(2);
+        CodeMesh mesh(2);
         const int32_t wall = mesh.addZone(1), absorbing = mesh.addZone(2003);
         mesh.addSegment(wall, 0, e1, e0, n);  // normal +y
         mesh.addSegment(wall, 1, w0, w1);     // normal -y
         if (absorber) mesh.addSegment(absorbing, 2, a0, a1);
         mesh.finish();
         const auto row = mesh.row(0, Hemisphere(2, res));
-        const double toWall = testmesh::crossedStrings(e0, e1, w0, w1);
-        const double blocked = absorber ? testmesh::crossedStrings(e0, e1, a0, a1) : 0.0;
+        const double toWall = analytic::crossedStrings(e0, e1, w0, w1);
+        const double blocked = absorber ? analytic::crossedStrings(e0, e1, a0, a1) : 0.0;
         EXPECT_NEAR(row[1], toWall - blocked, 0.5 / res);
         EXPECT_EQ(mesh.touchedColumns(), 1);  // nothing in the absorber's column
     }
@@ -160,7 +85,7 @@ TEST(ViewFactorRow, AbsorbingZoneEndsRaysWithoutScoring) {
 // Bookkeeping: empty rows, glob means, randomness
 
 TEST(ViewFactorRow, RowsAreEmptyWhenNothingIsHit) {
-    TestMesh mesh(3);
+    CodeMesh mesh(3);
     const int32_t wall = mesh.addZone(1);
     mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0));
     mesh.addGrid(wall, 1, Vec3(0, 0, -1), Vec3(1, 0, 0), Vec3(0, 1, 0));  // behind, facing away
@@ -180,7 +105,7 @@ TEST(ViewFactorRow, RowsAreEmptyWhenNothingIsHit) {
 TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
     RandomStateGuard guard;
     const double edges[] = {0, 0.2, 0.7, 1.5};
-    auto build = [&](TestMesh& mesh, bool oneGlob) {
+    auto build = [&](CodeMesh& mesh, bool oneGlob) {
         const int32_t wall = mesh.addZone(1);
         for (int i = 0; i < 3; ++i)
             mesh.addGrid(wall, oneGlob ? 0 : (i == 0 ? 0 : i + 1), Vec3(edges[i], 0, 0),
@@ -188,7 +113,7 @@ TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
         mesh.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 1, 0.3), Vec3(1.5, 0, 0.5));
         mesh.finish();
     };
-    TestMesh joined(3), separate(3);
+    CodeMesh joined(3), separate(3);
     build(joined, true);
     build(separate, false);
     const Hemisphere hemisphere(3, 10);
@@ -211,14 +136,14 @@ TEST(ViewFactorRow, GlobRowIsTheAreaWeightedMeanOfItsFaces) {
 // face whose first draw was accepted. A glob of such faces alone stays empty.
 TEST(ViewFactorRow, ZeroAreaFacesAddNothing) {
     RandomStateGuard guard;
-    auto build = [](TestMesh& mesh, int32_t degenerateGlob) {
+    auto build = [](CodeMesh& mesh, int32_t degenerateGlob) {
         const int32_t wall = mesh.addZone(1);
         mesh.addFace(wall, degenerateGlob, {Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(2, 0, 0)});
         mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0));
         mesh.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(1, 0, 0));
         mesh.finish();
     };
-    TestMesh with(3), without(3);
+    CodeMesh with(3), without(3);
     build(with, 0);
     build(without, 2);
     const Hemisphere hemisphere(3, 8);
@@ -242,7 +167,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
     RandomStateGuard guard;
     for (int dimension : {1, 2, 3}) {
         SCOPED_TRACE(dimension);
-        TestMesh mesh(dimension);
+        CodeMesh mesh(dimension);
         const int32_t wall = mesh.addZone(1);
         if (dimension == 3) {
             mesh.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), 3, 3);
@@ -252,7 +177,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
             mesh.addSegment(wall, 1, Vec3(1, 2, 0), Vec3(1, 1, 0));
         }
         mesh.finish();
-        const Hemisphere hemisphere(dimension == 2 ? 2 : 3, 6);
+        const Hemisphere hemisphere(hemisphereMode(dimension), 6);
         setThreadRandomState(1);
         const auto first = mesh.row(0, hemisphere);
         const uint32_t after = threadRandomState();
@@ -269,7 +194,7 @@ TEST(ViewFactorRow, OnlyThreeDimensionalRowsDrawFromTheThreadsGenerator) {
 }
 
 TEST(ViewFactorRowDeathTest, WallWithoutGlobAborts) {
-    TestMesh mesh(2);
+    CodeMesh mesh(2);
     const int32_t wall = mesh.addZone(1);
     mesh.addSegment(wall, 0, Vec3(1, 0, 0), Vec3(0, 0, 0));
     mesh.addSegment(wall, -1, Vec3(0, 1, 0), Vec3(1, 1, 0));

@@ -11,7 +11,7 @@
 
 #include "SmallVector"
 
-namespace hemiray::testmesh {
+namespace hemiray::analytic {
 
 // From a point P with unit normal n to the planar polygon v[0..m-1], by Lambert's
 // contour formula (Hottel and Sarofim, Radiative Transfer, 1967; Modest, Radiative
@@ -61,4 +61,4 @@ inline double cornerToParallelRectangle(double a, double b, double c) {
            (2 * std::numbers::pi);
 }
 
-}  // namespace hemiray::testmesh
+}  // namespace hemiray::analytic

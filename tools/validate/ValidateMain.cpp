@@ -141,7 +141,7 @@ int wallFaces(const hemiray::FaceSet& faces) {
 }
 
 int directions(const Case& c, int resolution) {
-    return hemiray::Hemisphere(c.mesh->faces.dimension == 2 ? 2 : 3, resolution).size_;
+    return hemiray::Hemisphere(hemiray::hemisphereMode(c.mesh->faces.dimension), resolution).size_;
 }
 
 // CSV numbers in full precision; -1 stands for "not applicable".

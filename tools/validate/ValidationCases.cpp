@@ -10,13 +10,13 @@
 #include <numbers>
 
 #include "validate/PointFactors.h"
-#include "viewfactor/AnalyticViewFactors.h"
+#include "validate/AnalyticViewFactors.h"
 
 namespace hemiray::validation {
 
 namespace {
 
-using testmesh::TestMesh;
+using models::CodeMesh;
 constexpr double pi = std::numbers::pi;
 
 std::vector<int32_t> range(int32_t first, int32_t count) {
@@ -46,7 +46,7 @@ Vec3 unitNormal(const FaceSet& faces, int32_t face) {
 // Point factors summed over the faces of the target surface, every face seen in
 // full: right for convex enclosures and for surfaces that face each other.
 std::function<double(int32_t, int)> summedOverFaces(const Case& c) {
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     const std::vector<Surface> surfaces = c.surfaces;
     return [mesh, surfaces](int32_t face, int to) {
         const FaceSet& faces = mesh->faces;
@@ -57,8 +57,8 @@ std::function<double(int32_t, int)> summedOverFaces(const Case& c) {
             for (int32_t target : facesOf(*mesh->globs, glob)) {
                 if (target == face) continue;
                 const auto v = verticesOf(faces, target);
-                sum += faces.dimension == 2 ? testmesh::pointToSegment(P, n, v[0], v[1])
-                                            : testmesh::pointToPolygon(P, n, v);
+                sum += faces.dimension == 2 ? analytic::pointToSegment(P, n, v[0], v[1])
+                                            : analytic::pointToPolygon(P, n, v);
             }
         return sum;
     };
@@ -76,14 +76,14 @@ Case makeCase(const char* mode, const char* name, int dimension) {
     Case c;
     c.mode = mode;
     c.name = name;
-    c.mesh = std::make_unique<TestMesh>(dimension);
+    c.mesh = std::make_unique<CodeMesh>(dimension);
     return c;
 }
 
 // Exchange area A F between two cross-section discs of a tube of radius R at
 // distance s (disc-to-disc closed form; the whole disc at s = 0).
 double discExchange(double s, double R) {
-    return pi * R * R * (s <= 0 ? 1.0 : testmesh::coaxialDisks(R, R, s));
+    return pi * R * R * (s <= 0 ? 1.0 : analytic::coaxialDisks(R, R, s));
 }
 
 // Exchange area between the wall bands [a, b] and [c, d] of an infinite tube, from
@@ -100,7 +100,7 @@ double bandExchange(double a, double b, double c, double d, double R) {
 // From a ring element at axial position x on the wall of a tube of radius R to the
 // wall band [c, d].
 double pointToWallBand(double x, double c, double d, double R) {
-    using testmesh::cylinderWallToCrossSection;
+    using analytic::cylinderWallToCrossSection;
     if (c >= x) return cylinderWallToCrossSection(c - x, R) - cylinderWallToCrossSection(d - x, R);
     if (d <= x) return cylinderWallToCrossSection(x - d, R) - cylinderWallToCrossSection(x - c, R);
     return 1 - cylinderWallToCrossSection(x - c, R) - cylinderWallToCrossSection(d - x, R);
@@ -108,7 +108,7 @@ double pointToWallBand(double x, double c, double d, double R) {
 
 // Rings of a disc at axial position x from radius 0 to r, one glob each from
 // firstGlob on (none when firstGlob is -1); facing +x, or -x when `facingMinusX`.
-void addDiscRings(TestMesh& mesh, int32_t zone, int32_t firstGlob, double x, double r,
+void addDiscRings(CodeMesh& mesh, int32_t zone, int32_t firstGlob, double x, double r,
                   int rings, bool facingMinusX) {
     for (int i = 0; i < rings; ++i) {
         const Vec3 inner(x, r * i / rings, 0), outer(x, r * (i + 1) / rings, 0);
@@ -149,12 +149,12 @@ double CaseResult::maxMeshError() const {
 }
 
 CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
-    testmesh::RandomStateGuard guard;
-    const TestMesh& mesh = *c.mesh;
+    models::RandomStateGuard guard;
+    const CodeMesh& mesh = *c.mesh;
     const FaceSet& faces = mesh.faces;
     const GlobTable& globs = *mesh.globs;
     const int32_t globCount = mesh.globCount();
-    const Hemisphere hemisphere(faces.dimension == 2 ? 2 : 3, resolution);
+    const Hemisphere hemisphere(hemisphereMode(faces.dimension), resolution);
 
     std::vector<char> wanted(static_cast<size_t>(globCount), 0);
     auto want = [&](int surface) {
@@ -217,7 +217,7 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
     if (c.closed) {
         result.worstClosure = 0;
         for (const auto& row : rows)
-            if (!row.empty()) result.worstClosure = std::max(result.worstClosure, std::abs(testmesh::sum(row) - 1));
+            if (!row.empty()) result.worstClosure = std::max(result.worstClosure, std::abs(models::sum(row) - 1));
     }
     const int surfaceCount = static_cast<int>(c.surfaces.size());
     for (int s = 0; s < surfaceCount; ++s)
@@ -237,13 +237,13 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
 
 Case parallelStrips(int n) {
     Case c = makeCase("planar", "parallel strips", 2);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     m.addSegment(wall, 0, Vec3(1, 0, 0), Vec3(0, 0, 0), n);  // normal +y
     m.addSegment(wall, 1, Vec3(0, 1, 0), Vec3(1, 1, 0), n);  // normal -y
     m.finish();
     c.surfaces = {{"lower", {0}}, {"upper", {1}}};
-    const double f = testmesh::crossedStrings(Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0));
+    const double f = analytic::crossedStrings(Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0));
     c.comparisons = {{0, 1, f}, {1, 0, f}};
     c.pointFactor = summedOverFaces(c);
     return c;
@@ -252,15 +252,15 @@ Case parallelStrips(int n) {
 // Strips of widths 1 and 2 meeting at a right angle along a common edge.
 Case perpendicularStrips(int n) {
     Case c = makeCase("planar", "perpendicular strips", 2);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     m.addSegment(wall, 0, Vec3(1, 0, 0), Vec3(0, 0, 0), n);  // normal +y
     m.addSegment(wall, 1, Vec3(0, 0, 0), Vec3(0, 2, 0), n);  // normal +x
     m.finish();
     c.surfaces = {{"horizontal", {0}}, {"vertical", {1}}};
     const Vec3 corner(0, 0, 0), a(1, 0, 0), b(0, 2, 0);
-    c.comparisons = {{0, 1, testmesh::crossedStrings(a, corner, b, corner)},
-                     {1, 0, testmesh::crossedStrings(b, corner, a, corner)}};
+    c.comparisons = {{0, 1, analytic::crossedStrings(a, corner, b, corner)},
+                     {1, 0, analytic::crossedStrings(b, corner, a, corner)}};
     c.pointFactor = summedOverFaces(c);
     return c;
 }
@@ -268,7 +268,7 @@ Case perpendicularStrips(int n) {
 // An irregular convex pentagon; every pair of sides by crossed strings.
 Case closedPolygon(int n) {
     Case c = makeCase("planar", "closed pentagon", 2);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const Vec3 v[] = {Vec3(0, 0, 0), Vec3(3, 0, 0), Vec3(3.5, 1.5, 0), Vec3(1.5, 3, 0),
                       Vec3(-0.5, 1.2, 0)};
     constexpr int sides = 5;
@@ -280,7 +280,7 @@ Case closedPolygon(int n) {
         for (int j = 0; j < sides; ++j)
             if (i != j)
                 c.comparisons.push_back(
-                    {i, j, testmesh::crossedStrings(v[i], v[(i + 1) % sides], v[(j + 1) % sides], v[j])});
+                    {i, j, analytic::crossedStrings(v[i], v[(i + 1) % sides], v[(j + 1) % sides], v[j])});
     c.closed = true;
     c.pointFactor = summedOverFaces(c);
     return c;
@@ -293,7 +293,7 @@ Case closedPolygon(int n) {
 // resolution: its faces' landing points tile the period evenly.)
 Case planarChannel(int n) {
     Case c = makeCase("planar", "periodic channel", 2);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const int32_t periodic = m.addZone(zoneTypePeriodic);
     const int32_t shadow = m.addZone(zoneTypePeriodicShadow);
@@ -319,7 +319,7 @@ Case planarChannel(int n) {
         const Piece& q = pieces[to];
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += testmesh::crossedStrings(Vec3(p.a, p.y, 0), Vec3(p.b, p.y, 0), Vec3(q.a + k, q.y, 0),
+            sum += analytic::crossedStrings(Vec3(p.a, p.y, 0), Vec3(p.b, p.y, 0), Vec3(q.a + k, q.y, 0),
                                             Vec3(q.b + k, q.y, 0));
         return sum;
     };
@@ -327,7 +327,7 @@ Case planarChannel(int n) {
         for (int to = 0; to < 4; ++to)
             if (pieces[from].y != pieces[to].y) c.comparisons.push_back({from, to, images(from, to)});
     c.closed = true;
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh](int32_t face, int to) {
         const Piece& q = pieces[to];
         const Vec3 P = mesh->faces.faceCentroid[static_cast<size_t>(face)];
@@ -335,7 +335,7 @@ Case planarChannel(int n) {
         const Vec3 normal = unitNormal(mesh->faces, face);
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += testmesh::pointToSegment(P, normal, Vec3(q.a + k, q.y, 0), Vec3(q.b + k, q.y, 0));
+            sum += analytic::pointToSegment(P, normal, Vec3(q.a + k, q.y, 0), Vec3(q.b + k, q.y, 0));
         return sum;
     };
     return c;
@@ -351,7 +351,7 @@ constexpr double discR1 = 1.0, discR2 = 0.8, discL = 0.6;
 
 Case coaxialDiscCase(int rings, bool oneGlob) {
     Case c = makeCase("axisymmetric", oneGlob ? "coaxial discs (one glob per disc)" : "coaxial discs", 1);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     for (int i = 0; i < rings; ++i)
         m.addSegment(wall, oneGlob ? 0 : i, Vec3(0, discR1 * i / rings, 0),
@@ -362,14 +362,14 @@ Case coaxialDiscCase(int rings, bool oneGlob) {
     m.finish();
     if (oneGlob) c.surfaces = {{"disc 1", {0}}, {"disc 2", {1}}};
     else c.surfaces = {{"disc 1", range(0, rings)}, {"disc 2", range(rings, rings)}};
-    c.comparisons = {{0, 1, testmesh::coaxialDisks(discR1, discR2, discL)},
-                     {1, 0, testmesh::coaxialDisks(discR2, discR1, discL)}};
-    const TestMesh* mesh = c.mesh.get();
+    c.comparisons = {{0, 1, analytic::coaxialDisks(discR1, discR2, discL)},
+                     {1, 0, analytic::coaxialDisks(discR2, discR1, discL)}};
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh](int32_t face, int to) {
         const Vec3& P = mesh->faces.faceCentroid[static_cast<size_t>(face)];
         const bool onFirst = P[0] < discL / 2;
         if (onFirst == (to == 0)) return 0.0;
-        return testmesh::pointToParallelDisk(discL, onFirst ? discR2 : discR1, P[1]);
+        return analytic::pointToParallelDisk(discL, onFirst ? discR2 : discR1, P[1]);
     };
     return c;
 }
@@ -384,21 +384,21 @@ Case coaxialDiscsOneGlob(int rings) { return coaxialDiscCase(rings, true); }
 Case discToCylinder(int rings, int mantleFaces) {
     constexpr double R = 1, L = 1;
     Case c = makeCase("axisymmetric", "disc and tube", 1);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     addDiscRings(m, wall, 0, 0, R, rings, false);
     m.addSegment(wall, rings, Vec3(0, R, 0), Vec3(L, R, 0), mantleFaces);  // normal -r
     m.finish();
     c.surfaces = {{"disc", range(0, rings)}, {"tube", {rings}}};
-    const double discs = testmesh::coaxialDisks(R, R, L);
+    const double discs = analytic::coaxialDisks(R, R, L);
     const double tubeToDisc = R / (2 * L) * (1 - discs);
     c.comparisons = {{0, 1, 1 - discs}, {1, 0, tubeToDisc}, {1, 1, 1 - 2 * tubeToDisc}};
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh, rings](int32_t face, int to) {
         const Vec3& P = mesh->faces.faceCentroid[static_cast<size_t>(face)];
         const bool onDisc = mesh->faces.faceGlob[static_cast<size_t>(face)] < rings;
-        if (onDisc) return to == 1 ? 1 - testmesh::pointToParallelDisk(L, R, P[1]) : 0.0;
-        return to == 0 ? testmesh::cylinderWallToCrossSection(P[0], R) : pointToWallBand(P[0], 0, L, R);
+        if (onDisc) return to == 1 ? 1 - analytic::pointToParallelDisk(L, R, P[1]) : 0.0;
+        return to == 0 ? analytic::cylinderWallToCrossSection(P[0], R) : pointToWallBand(P[0], 0, L, R);
     };
     return c;
 }
@@ -407,30 +407,30 @@ Case discToCylinder(int rings, int mantleFaces) {
 Case closedCylinder(int rings, int mantleFaces) {
     constexpr double R = 1, L = 2;
     Case c = makeCase("axisymmetric", "closed cylinder", 1);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     addDiscRings(m, wall, 0, 0, R, rings, false);
     m.addSegment(wall, rings, Vec3(0, R, 0), Vec3(L, R, 0), mantleFaces);
     addDiscRings(m, wall, rings + 1, L, R, rings, true);
     m.finish();
     c.surfaces = {{"disc 0", range(0, rings)}, {"tube", {rings}}, {"disc 1", range(rings + 1, rings)}};
-    const double discs = testmesh::coaxialDisks(R, R, L);
+    const double discs = analytic::coaxialDisks(R, R, L);
     const double tubeToDisc = R / (2 * L) * (1 - discs);
     c.comparisons = {{0, 2, discs},      {0, 1, 1 - discs},      {1, 0, tubeToDisc},
                      {1, 2, tubeToDisc}, {1, 1, 1 - 2 * tubeToDisc}, {2, 0, discs},
                      {2, 1, 1 - discs}};
     c.closed = true;
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh, rings](int32_t face, int to) {
         const Vec3& P = mesh->faces.faceCentroid[static_cast<size_t>(face)];
         const int32_t glob = mesh->faces.faceGlob[static_cast<size_t>(face)];
         if (glob != rings) {
             const int own = glob < rings ? 0 : 2;
-            const double toDisc = testmesh::pointToParallelDisk(L, R, P[1]);
+            const double toDisc = analytic::pointToParallelDisk(L, R, P[1]);
             return to == own ? 0.0 : to == 1 ? 1 - toDisc : toDisc;
         }
-        if (to == 0) return testmesh::cylinderWallToCrossSection(P[0], R);
-        if (to == 2) return testmesh::cylinderWallToCrossSection(L - P[0], R);
+        if (to == 0) return analytic::cylinderWallToCrossSection(P[0], R);
+        if (to == 2) return analytic::cylinderWallToCrossSection(L - P[0], R);
         return pointToWallBand(P[0], 0, L, R);
     };
     return c;
@@ -443,7 +443,7 @@ Case closedCylinder(int rings, int mantleFaces) {
 Case pipeCell(int n) {
     constexpr double R = 1, split = 0.3;
     Case c = makeCase("axisymmetric", "periodic tube", 1);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const int32_t periodic = m.addZone(zoneTypePeriodic);
     const int32_t shadow = m.addZone(zoneTypePeriodicShadow);
@@ -467,7 +467,7 @@ Case pipeCell(int n) {
     for (int from = 0; from < 2; ++from)
         for (int to = 0; to < 2; ++to) c.comparisons.push_back({from, to, infiniteTube(from, to)});
     c.closed = true;
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh, bands](int32_t face, int to) {
         const double x = mesh->faces.faceCentroid[static_cast<size_t>(face)][0];
         double sum = 0;
@@ -484,13 +484,13 @@ Case pipeCell(int n) {
 // 1 x 2 rectangles, directly opposed at distance 1 (catalogue C-11).
 Case parallelRectangles(int n) {
     Case c = makeCase("3d", "parallel rectangles", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     m.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 2, 0), n, n);  // normal +z
     m.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 2, 0), Vec3(1, 0, 0), n, n);  // normal -z
     m.finish();
     c.surfaces = {{"lower", {0}}, {"upper", {1}}};
-    const double f = testmesh::parallelRectangles(1, 2, 1);
+    const double f = analytic::parallelRectangles(1, 2, 1);
     c.comparisons = {{0, 1, f}, {1, 0, f}};
     c.pointFactor = summedOverFaces(c);
     return c;
@@ -500,15 +500,15 @@ Case parallelRectangles(int n) {
 // length 1 (catalogue C-14).
 Case perpendicularRectangles(int n) {
     Case c = makeCase("3d", "perpendicular rectangles", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const double l = 1, w = 0.5, h = 2;
     m.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(l, 0, 0), Vec3(0, w, 0), n, n);  // normal +z
     m.addGrid(wall, 1, Vec3(0, 0, 0), Vec3(0, 0, h), Vec3(l, 0, 0), n, n);  // normal +y
     m.finish();
     c.surfaces = {{"base", {0}}, {"wall", {1}}};
-    c.comparisons = {{0, 1, testmesh::perpendicularRectangles(l, w, h)},
-                     {1, 0, testmesh::perpendicularRectangles(l, h, w)}};
+    c.comparisons = {{0, 1, analytic::perpendicularRectangles(l, w, h)},
+                     {1, 0, analytic::perpendicularRectangles(l, h, w)}};
     c.pointFactor = summedOverFaces(c);
     return c;
 }
@@ -518,7 +518,7 @@ Case perpendicularRectangles(int n) {
 // circle's, which removes the first-order faceting error.
 Case coaxialDiscs3d(int rings, int sectors) {
     Case c = makeCase("3d", "coaxial discs", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const double scale =
         std::sqrt(2 * pi / (sectors * std::sin(2 * pi / sectors)));
@@ -545,8 +545,8 @@ Case coaxialDiscs3d(int rings, int sectors) {
     addDisc(1, discR2, discL, true);
     m.finish();
     c.surfaces = {{"disc 1", {0}}, {"disc 2", {1}}};
-    c.comparisons = {{0, 1, testmesh::coaxialDisks(discR1, discR2, discL)},
-                     {1, 0, testmesh::coaxialDisks(discR2, discR1, discL)}};
+    c.comparisons = {{0, 1, analytic::coaxialDisks(discR1, discR2, discL)},
+                     {1, 0, analytic::coaxialDisks(discR2, discR1, discL)}};
     c.pointFactor = summedOverFaces(c);
     return c;
 }
@@ -556,7 +556,7 @@ Case coaxialDiscs3d(int rings, int sectors) {
 // every pair, the zone itself included.
 Case sphere(int bands, int sectors) {
     Case c = makeCase("3d", "sphere", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const int edges[5] = {0, (bands + 2) / 4, bands / 2, (13 * bands + 8) / 16, bands};
     auto zoneOf = [&](int band) {
@@ -593,7 +593,7 @@ Case sphere(int bands, int sectors) {
 // The unit cube, n x n faces per wall: opposite walls C-11, adjacent walls C-14.
 Case cube(int n) {
     Case c = makeCase("3d", "cube", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     // Inward normals; walls 2k and 2k+1 face each other.
     m.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), n, n);
@@ -603,8 +603,8 @@ Case cube(int n) {
     m.addGrid(wall, 4, Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(0, 0, 1), n, n);
     m.addGrid(wall, 5, Vec3(1, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);
     m.finish();
-    const double opposite = testmesh::parallelRectangles(1, 1, 1);
-    const double adjacent = testmesh::perpendicularRectangles(1, 1, 1);
+    const double opposite = analytic::parallelRectangles(1, 1, 1);
+    const double adjacent = analytic::perpendicularRectangles(1, 1, 1);
     for (int i = 0; i < 6; ++i) c.surfaces.push_back({"wall " + std::to_string(i), {i}});
     for (int i = 0; i < 6; ++i)
         for (int j = 0; j < 6; ++j)
@@ -620,7 +620,7 @@ Case cube(int n) {
 // sqrt(2) - 1, split 0.3 : 0.7. n a multiple of 10.
 Case channel3d(int n) {
     Case c = makeCase("3d", "periodic channel", 3);
-    TestMesh& m = *c.mesh;
+    CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     const int32_t periodic = m.addZone(zoneTypePeriodic);
     const int32_t shadow = m.addZone(zoneTypePeriodicShadow);
@@ -635,7 +635,7 @@ Case channel3d(int n) {
     c.surfaces = {{"bottom", {0}}, {"top left", {1}}, {"top right", {2}}};
     const double strips = std::numbers::sqrt2 - 1;
     c.comparisons = {{0, 1, 0.3 * strips}, {0, 2, 0.7 * strips}, {1, 0, strips}, {2, 0, strips}};
-    const TestMesh* mesh = c.mesh.get();
+    const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh](int32_t face, int to) {
         struct Piece {
             double x0, x1, z;
@@ -648,7 +648,7 @@ Case channel3d(int n) {
         constexpr int K = 200;  // images fall as 1/k^4
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += testmesh::pointToPolygon(P, normal, {Vec3(p.x0 + k, 0, p.z), Vec3(p.x1 + k, 0, p.z),
+            sum += analytic::pointToPolygon(P, normal, {Vec3(p.x0 + k, 0, p.z), Vec3(p.x1 + k, 0, p.z),
                                                    Vec3(p.x1 + k, 1, p.z), Vec3(p.x0 + k, 1, p.z)});
         return sum;
     };
@@ -659,10 +659,10 @@ Case channel3d(int n) {
 // Mirror and periodic models against their full models
 
 EquivalenceResult compare(const Equivalence& e, int resolution) {
-    testmesh::RandomStateGuard guard;
+    models::RandomStateGuard guard;
     const int dimension = e.full->faces.dimension;
-    const Hemisphere hemisphere(dimension == 2 ? 2 : 3, resolution);
-    auto facesIn = [](const TestMesh& m, int32_t glob) {
+    const Hemisphere hemisphere(hemisphereMode(dimension), resolution);
+    auto facesIn = [](const CodeMesh& m, int32_t glob) {
         return static_cast<long long>(m.globs->globFaceStart[static_cast<size_t>(glob) + 1] -
                                       m.globs->globFaceStart[static_cast<size_t>(glob)]);
     };
@@ -677,8 +677,8 @@ EquivalenceResult compare(const Equivalence& e, int resolution) {
         start = threadSeconds();
         const auto row = e.reduced->row(e.reducedGlobs[k], hemisphere);
         result.reducedSeconds += threadSeconds() - start;
-        result.fullClosure = std::max(result.fullClosure, std::abs(testmesh::sum(fullRow) - 1));
-        result.reducedClosure = std::max(result.reducedClosure, std::abs(testmesh::sum(row) - 1));
+        result.fullClosure = std::max(result.fullClosure, std::abs(models::sum(fullRow) - 1));
+        result.reducedClosure = std::max(result.reducedClosure, std::abs(models::sum(row) - 1));
         result.fullRays += facesIn(*e.full, e.fullGlobs[k]) * hemisphere.size_;
         result.reducedRays += facesIn(*e.reduced, e.reducedGlobs[k]) * hemisphere.size_;
         for (size_t h = 0; h < e.images.size(); ++h) {
@@ -697,10 +697,10 @@ Equivalence planarMirror(int n) {
     e.mode = "planar";
     e.name = "mirror: symmetric pentagon";
     const Vec3 A(-1, 0, 0), B(1, 0, 0), C(1, 1, 0), D(0, 1.6, 0), E(-1, 1, 0), M(0, 0, 0);
-    e.full = std::make_unique<TestMesh>(2);
-    e.reduced = std::make_unique<TestMesh>(2);
+    e.full = std::make_unique<CodeMesh>(2);
+    e.reduced = std::make_unique<CodeMesh>(2);
     // Walked clockwise: normals inwards.
-    for (TestMesh* m : {e.full.get(), e.reduced.get()}) {
+    for (CodeMesh* m : {e.full.get(), e.reduced.get()}) {
         const int32_t wall = m->addZone(1);
         m->addSegment(wall, 0, B, M, n);
         m->addSegment(wall, 1, C, B, n);
@@ -725,14 +725,14 @@ Equivalence planarRotational(int n) {
     Equivalence e;
     e.mode = "planar";
     e.name = "rotational periodic: ring of 12-gons";
-    const auto outer = testmesh::regularPolygon(12, 2.0, Vec3(0, 0, 0));
-    const auto inner = testmesh::regularPolygon(12, 1.0, Vec3(0, 0, 0));
-    e.full = std::make_unique<TestMesh>(2);
-    e.reduced = std::make_unique<TestMesh>(2);
+    const auto outer = models::regularPolygon(12, 2.0, Vec3(0, 0, 0));
+    const auto inner = models::regularPolygon(12, 1.0, Vec3(0, 0, 0));
+    e.full = std::make_unique<CodeMesh>(2);
+    e.reduced = std::make_unique<CodeMesh>(2);
     const int32_t fullWall = e.full->addZone(1);
     for (int k = 0; k < 12; ++k) e.full->addSegment(fullWall, k, outer[(k + 1) % 12], outer[k], n);
     for (int k = 0; k < 12; ++k) e.full->addSegment(fullWall, 12 + k, inner[k], inner[(k + 1) % 12], n);
-    TestMesh& r = *e.reduced;
+    CodeMesh& r = *e.reduced;
     const int32_t wall = r.addZone(1);
     const int32_t periodic = r.addZone(zoneTypePeriodic);
     const int32_t shadow = r.addZone(zoneTypePeriodicShadow);
@@ -764,9 +764,9 @@ Equivalence axisymmetricMirror(int rings, int mantleFaces) {
     Equivalence e;
     e.mode = "axisymmetric";
     e.name = "mirror: closed cylinder";
-    e.full = std::make_unique<TestMesh>(1);
-    e.reduced = std::make_unique<TestMesh>(1);
-    for (TestMesh* m : {e.full.get(), e.reduced.get()}) {
+    e.full = std::make_unique<CodeMesh>(1);
+    e.reduced = std::make_unique<CodeMesh>(1);
+    for (CodeMesh* m : {e.full.get(), e.reduced.get()}) {
         const int32_t wall = m->addZone(1);
         addDiscRings(*m, wall, 0, 0, R, rings, false);
         m->addSegment(wall, rings, Vec3(0, R, 0), Vec3(L / 2, R, 0), mantleFaces);
@@ -791,11 +791,11 @@ Equivalence cubeMirror(int n) {
     Equivalence e;
     e.mode = "3d";
     e.name = "mirror: cube";
-    e.full = std::make_unique<TestMesh>(3);
-    e.reduced = std::make_unique<TestMesh>(3);
+    e.full = std::make_unique<CodeMesh>(3);
+    e.reduced = std::make_unique<CodeMesh>(3);
     const int half = n / 2;
     // The left halves (x <= 0.5) and the wall x = 0, in both models: globs 0..4.
-    for (TestMesh* m : {e.full.get(), e.reduced.get()}) {
+    for (CodeMesh* m : {e.full.get(), e.reduced.get()}) {
         const int32_t wall = m->addZone(1);
         m->addGrid(wall, 0, Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(0, 0, 1), n, n);          // x = 0
         m->addGrid(wall, 1, Vec3(0, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);     // y = 0
@@ -803,7 +803,7 @@ Equivalence cubeMirror(int n) {
         m->addGrid(wall, 3, Vec3(0, 0, 0), Vec3(0.5, 0, 0), Vec3(0, 1, 0), half, n);     // z = 0
         m->addGrid(wall, 4, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(0.5, 0, 0), n, half);     // z = 1
     }
-    TestMesh& f = *e.full;
+    CodeMesh& f = *e.full;
     f.addGrid(0, 5, Vec3(1, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);            // x = 1
     f.addGrid(0, 6, Vec3(0.5, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);     // y = 0
     f.addGrid(0, 7, Vec3(0.5, 1, 0), Vec3(0.5, 0, 0), Vec3(0, 0, 1), half, n);     // y = 1

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "viewfactor/TestMesh.h"
+#include "models/CodeMesh.h"
 
 namespace hemiray::validation {
 
@@ -36,7 +36,7 @@ struct Comparison {
 struct Case {
     std::string mode;  // "planar", "axisymmetric" or "3d"
     std::string name;
-    std::unique_ptr<testmesh::TestMesh> mesh;
+    std::unique_ptr<models::CodeMesh> mesh;
     std::vector<Surface> surfaces;
     std::vector<Comparison> comparisons;
     bool closed = false;  // every ray lands on a wall: rows sum to 1
@@ -101,8 +101,8 @@ Case channel3d(int n);
 struct Equivalence {
     std::string mode;
     std::string name;
-    std::unique_ptr<testmesh::TestMesh> full;
-    std::unique_ptr<testmesh::TestMesh> reduced;
+    std::unique_ptr<models::CodeMesh> full;
+    std::unique_ptr<models::CodeMesh> reduced;
     std::vector<int32_t> reducedGlobs;
     std::vector<int32_t> fullGlobs;
     std::vector<std::vector<int32_t>> images;  // per reduced glob: its full globs

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <ios>
 
+#include "input/MeshModel.h"
+
 namespace hemiray::models {
 
 int32_t Model::globCount() const {
@@ -32,7 +34,7 @@ bool steersRays(int32_t zoneType) { return zoneType == 2007 || zoneType == 2008 
 }  // namespace
 
 void writeModelText(std::ostream& out, const Model& model) {
-    const int coordinates = model.dimension == 3 ? 3 : 2;
+    const int coordinates = nodeCoordinateCount(model.dimension);
     out << "(0 " << model.comment << ")\n";
     out << "(0 0 " << model.zones.size() << ' ' << model.globCount() << ' ' << model.dimension
         << ")\n";

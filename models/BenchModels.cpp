@@ -1,7 +1,7 @@
 // Builders of the benchmark models. Faces are appended the way the mesh readers
 // append them (one wall zone, faceId = position), then every face becomes its own
 // glob and the pre-tracing geometry is computed.
-#include "BenchModels.h"
+#include "models/BenchModels.h"
 
 #include <algorithm>
 #include <cmath>

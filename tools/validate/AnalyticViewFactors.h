@@ -7,7 +7,7 @@
 
 #include "SmallVector"
 
-namespace hemiray::testmesh {
+namespace hemiray::analytic {
 
 // C-11: between two directly opposed, aligned a x b rectangles at distance c.
 inline double parallelRectangles(double a, double b, double c) {
@@ -54,4 +54,4 @@ inline double crossedStrings(const Vec3& a0, const Vec3& a1, const Vec3& b0,
            (2 * norm(a1 - a0));
 }
 
-}  // namespace hemiray::testmesh
+}  // namespace hemiray::analytic

@@ -1,11 +1,9 @@
-// TestMesh: builds a small participating face set in code, runs the geometry
+// CodeMesh: builds a small participating face set in code, runs the geometry
 // steps the driver runs before sampling (face geometry, glob table, glob points,
 // BSP tree) and computes view-factor rows. Shapes used by several tests (rectangle
 // grids, subdivided segments, regular polygons) are helpers here so other suites
 // can build the same meshes.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,20 +14,20 @@
 
 #include "Hemisphere"
 #include "SparseRowVector"
-#include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
 #include "input/MeshModel.h"
+#include "models/QuietTree.h"
 #include "viewfactor/ViewFactorRow.h"
 
-namespace hemiray::testmesh {
+namespace hemiray::models {
 
-class TestMesh {
+class CodeMesh {
 public:
     // dimension: 1 axisymmetric ((x, r) segments), 2 planar, 3 polygons.
-    explicit TestMesh(int32_t dimension) : faces(dimension, nodes), zones(4) {}
-    TestMesh(const TestMesh&) = delete;  // faces points at nodes
-    TestMesh& operator=(const TestMesh&) = delete;
+    explicit CodeMesh(int32_t dimension) : faces(dimension, nodes), zones(4) {}
+    CodeMesh(const CodeMesh&) = delete;  // faces points at nodes
+    CodeMesh& operator=(const CodeMesh&) = delete;
 
     // A zone of the given type; returns its position in the zone table.
     int32_t addZone(int32_t zoneType) {
@@ -91,9 +89,7 @@ public:
         placeGlobCentroids(*globs);
         view.nodes = &nodes;
         view.faces = &faces;
-        ::testing::internal::CaptureStdout();  // the tree prints its depth
-        tree = std::make_unique<BspNode>(faces.dimension, &view, true);
-        (void)::testing::internal::GetCapturedStdout();
+        tree = quietTree(view);
     }
 
     int32_t globCount() const { return globCount_; }
@@ -156,4 +152,4 @@ inline std::vector<Vec3> regularPolygon(int n, double r, const Vec3& centre,
     return v;
 }
 
-}  // namespace hemiray::testmesh
+}  // namespace hemiray::models
