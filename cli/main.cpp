@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "Hemisphere"
+#include "Repair.h"
 #include "ResultFile.h"
 #include "hemiray/raytracing.h"
 #include "input/MeshBlockPacker.h"
@@ -328,6 +329,14 @@ int main(int argc, char** argv) {
     chk->add_flag("--json", checkJson, "print JSON for programs");
     chk->add_flag("--globs", checkPerGlob, "print every glob, not only the totals");
 
+    cli::RepairArgs repairArgs;
+    auto* rep = app.add_subcommand("repair", "balance a result's rows for reciprocity and closure");
+    rep->add_option("result", repairArgs.input, "result file (text or binary rows, plain or .gz, or HDF5)")->required();
+    rep->add_option("-o,--output", repairArgs.output, "repaired result, of the input's kind (.h5 keeps it exact)")->required();
+    rep->add_option("--enclosure", repairArgs.enclosure,
+                    "closed: rows sum to 1 (default); open: rows above 1 are capped at 1");
+    rep->add_flag("--force", repairArgs.force, "replace an existing file");
+
     int demoN = 4, demoRes = 40;
     auto* dem = app.add_subcommand("demo", "run an embedded example on every core");
     dem->add_option("--n", demoN, "subdivisions per wall edge (default 4)");
@@ -360,6 +369,10 @@ int main(int argc, char** argv) {
         return generate(genCase, genOutput, genN, genRes, genForce);
     }
     if (*chk) return check(checkPath, checkJson, checkPerGlob);
+    if (*rep) {
+        std::string error;
+        return cli::repairResult(repairArgs, std::cout, error) ? 0 : fail(error);
+    }
     if (*dem) {
         if (demoN < 1) return fail("--n must be at least 1");
         if (demoRes < 1) return fail("--res must be at least 1");
