@@ -249,6 +249,9 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
     out << "repaired " << result.activeGlobs.size() << " rows of " << result.sizes.globCount
         << " globs as " << (open ? "an open domain" : "a closed enclosure") << " in "
         << report.sweeps << " sweeps" << (report.converged ? "" : " (not converged)") << '\n';
+    if (!report.converged)
+        out << "warning: no scaling balances these rows exactly (the pattern of non-zero factors "
+               "would need some of them to vanish); written as far as the balancing got\n";
     printResiduals(out, "before:", report.before, open);
     printResiduals(out, "after: ", report.after, open);
     out << "largest change of a factor: " << report.largestChange << " (glob "
