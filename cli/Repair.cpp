@@ -206,6 +206,10 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
         error = "--enclosure must be closed or open";
         return false;
     }
+    if (args.average != "equal" && args.average != "area") {
+        error = "--average must be equal or area";
+        return false;
+    }
     if (!fs::exists(args.input)) {
         error = "no such file: " + args.input;
         return false;
@@ -236,6 +240,7 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
     std::vector<uint8_t> active;
     repair::RepairOptions options;
     options.enclosure = args.enclosure == "open" ? repair::Enclosure::open : repair::Enclosure::closed;
+    options.averaging = args.average == "area" ? repair::Averaging::byArea : repair::Averaging::equal;
     repair::RepairReport report;
     if (!resultMatrix(result, F, area, active, error) ||
         !repair::repairViewFactors(F, area, active, options, repaired, report, error)) {

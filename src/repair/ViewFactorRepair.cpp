@@ -99,7 +99,13 @@ Residuals measure(const CsrMatrix& F, const SortedRows& sorted, const std::vecto
 // one-sided pairs appended to their rows). Rows of globs that do not take part are
 // copied as factors.
 int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vector<double>& area,
-                   const std::vector<uint8_t>& part, CsrMatrix& S) {
+                   const std::vector<uint8_t>& part, Averaging averaging, CsrMatrix& S) {
+    // The share of glob i's own estimate in S_ij.
+    auto share = [&](int32_t i, int32_t j) {
+        if (averaging == Averaging::equal) return 0.5;
+        const double wi = area[j] * area[j], wj = area[i] * area[i];  // 1/A_i^2 : 1/A_j^2
+        return wi / (wi + wj);
+    };
     const int32_t n = F.rowCount();
     auto oneSided = [&](int32_t i, int64_t k) {
         const int32_t j = F.columns[k];
@@ -128,7 +134,8 @@ int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vect
             double energy = area[i] * F.values[k];
             if (part[j] && j != i) {
                 const int64_t back = sorted.find(j, i);
-                energy = 0.5 * (energy + (back < 0 ? 0.0 : area[j] * F.values[back]));
+                const double own = share(i, j);
+                energy = own * energy + (1 - own) * (back < 0 ? 0.0 : area[j] * F.values[back]);
             }
             S.values[out] = energy;
         }
@@ -139,7 +146,7 @@ int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vect
             if (oneSided(i, k)) {
                 const int64_t out = fill[F.columns[k]]++;
                 S.columns[out] = i;
-                S.values[out] = 0.5 * area[i] * F.values[k];
+                S.values[out] = share(i, F.columns[k]) * area[i] * F.values[k];
             }
     return added;
 }
@@ -230,7 +237,7 @@ bool repairViewFactors(const CsrMatrix& F, const std::vector<double>& area,
     {
         const SortedRows sorted(F);
         report.before = measure(F, sorted, area, part, options.enclosure);
-        report.addedEntries = symmetrise(F, sorted, area, part, repaired);
+        report.addedEntries = symmetrise(F, sorted, area, part, options.averaging, repaired);
     }
 
     // Rows that are balanced: taking part, with some energy either way.

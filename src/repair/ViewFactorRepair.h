@@ -50,8 +50,19 @@ struct RepairReport {
     bool converged = false;
 };
 
+// How the two estimates of a pair's exchanged energy, A_i F_ij from glob i's row
+// and A_j F_ji from glob j's, are averaged into S_ij.
+enum class Averaging {
+    equal,     // (A_i F_ij + A_j F_ji) / 2
+    // Weights 1 / A^2: each row's factors are taken as equally exact, so the
+    // energy from the smaller glob's row is the more exact estimate. A large wall
+    // reaches a small box with few of its rays; the box sees the wall with many.
+    byArea,
+};
+
 struct RepairOptions {
     Enclosure enclosure = Enclosure::closed;
+    Averaging averaging = Averaging::equal;
     double tolerance = 1e-13;  // largest |row sum - target| / target at which to stop
     int32_t maxSweeps = 20000;
 };

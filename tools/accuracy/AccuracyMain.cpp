@@ -212,7 +212,7 @@ int main(int argc, char** argv) {
     }
     std::printf("mode,faces_per_glob,globs,resolution,rays,seconds,mean_error,max_error,mean_row_error,"
                 "max_row_error,reciprocity,repaired_mean_error,repaired_max_error,repaired_mean_row_error,"
-                "repaired_max_row_error,exact_closure\n");
+                "repaired_max_row_error,area_mean_error,area_max_error,exact_closure\n");
     for (const std::string mode : {"3d", "planar", "axisymmetric"}) {
         if (modes.find(mode) == std::string::npos) continue;
         for (const int size : sizes) {
@@ -254,12 +254,21 @@ int main(int argc, char** argv) {
                     return 1;
                 }
                 const Errors before = compare(F, s.exact), after = compare(repaired, s.exact);
-                std::printf("%s,%d,%d,%d,%lld,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.2g\n",
+                repair::RepairOptions byArea;
+                byArea.averaging = repair::Averaging::byArea;
+                repair::RepairReport areaReport;
+                if (!repair::repairViewFactors(F, area, active, byArea, repaired, areaReport, error)) {
+                    std::cerr << "repair failed: " << error << '\n';
+                    return 1;
+                }
+                const Errors weighted = compare(repaired, s.exact);
+                std::printf("%s,%d,%d,%d,%lld,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.2g\n",
                             mode.c_str(), size, n, R,
                             static_cast<long long>(m.faces.faceCount()) * hemisphere.size_, seconds,
                             before.meanFactor, before.maxFactor, before.meanRowSum, before.maxRowSum,
                             report.before.weightedReciprocity, after.meanFactor, after.maxFactor,
-                            after.meanRowSum, after.maxRowSum, exactClosure);
+                            after.meanRowSum, after.maxRowSum, weighted.meanFactor, weighted.maxFactor,
+                            exactClosure);
                 std::fflush(stdout);
             }
         }
