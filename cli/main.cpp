@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "Hemisphere"
+#include "ErrorBands.h"
 #include "Repair.h"
 #include "ResultFile.h"
 #include "hemiray/raytracing.h"
@@ -191,7 +192,7 @@ int generate(const std::string& name, const std::string& output, int n, int reso
     return 0;
 }
 
-void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
+void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::BandSummary& bands) {
     std::cout << std::setprecision(10) << "{\"dimension\": " << r.sizes.dimension
               << ", \"globs\": " << r.sizes.globCount << ", \"rows\": " << r.rows.size()
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
@@ -206,7 +207,9 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
                   << ", \"rowSum\": " << g.rowSum << ", \"reciprocity\": " << g.worstReciprocity
                   << ", \"partner\": " << g.worstPartner << "}";
     }
-    std::cout << "]}" << std::endl;
+    std::cout << "], \"band\": ";
+    cli::printBandsJson(std::cout, bands);
+    std::cout << "}" << std::endl;
 }
 
 void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGlob) {
@@ -234,8 +237,10 @@ int check(const std::string& path, bool json, bool perGlob) {
     std::string error;
     if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
     const auto summary = cli::checkResult(result);
-    if (json) printJson(summary, result);
-    else printTable(summary, result, perGlob);
+    cli::BandSummary bands;
+    if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
+    if (json) printJson(summary, result, bands);
+    else printTable(summary, result, perGlob), cli::printBands(std::cout, bands, result, perGlob);
     return 0;
 }
 
@@ -264,6 +269,8 @@ int demo(int n, int resolution) {
     std::string error;
     if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
     const auto summary = cli::checkResult(result);
+    cli::BandSummary bands;
+    if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
     const double rays = double(model.faceCount()) * Hemisphere(3, resolution).size_;
     std::cout << "\nSummary\n"
               << "  globs:        " << model.globCount() << '\n'
@@ -276,8 +283,10 @@ int demo(int n, int resolution) {
               << summary.maxRowSum << " (1 for a closed room)\n"
               << std::scientific << std::setprecision(2)
               << "  reciprocity:  " << summary.weightedReciprocity
-              << " of the exchanged energy unbalanced (worst single pair "
-              << summary.worstReciprocity << ", a factor few rays reach)\n"
+              << " of the exchanged energy unbalanced, " << bands.expectedWeightedReciprocity
+              << " expected from sampling at this resolution;\n                pairs beyond "
+              << cli::errorLaw(3).scatter << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
+              << " (hemiray repair balances them)\n"
               << "  result file:  " << path << std::endl;
     return 0;
 }

@@ -222,6 +222,14 @@ bool validateMatrix(const CsrMatrix& F, const std::vector<double>& area,
     return true;
 }
 
+std::vector<int64_t> reverseEntries(const CsrMatrix& F) {
+    const SortedRows sorted(F);
+    std::vector<int64_t> reverse(F.columns.size());
+    for (int32_t i = 0; i < F.rowCount(); ++i)
+        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k) reverse[k] = sorted.find(F.columns[k], i);
+    return reverse;
+}
+
 Residuals measureResiduals(const CsrMatrix& F, const std::vector<double>& area,
                            const std::vector<uint8_t>& active, Enclosure enclosure) {
     return measure(F, SortedRows(F), area, globsTakingPart(area, active), enclosure);

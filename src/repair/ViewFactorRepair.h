@@ -74,6 +74,10 @@ struct RepairOptions {
 [[nodiscard]] bool validateMatrix(const CsrMatrix& F, const std::vector<double>& area,
                                   const std::vector<uint8_t>& active, std::string& error);
 
+// For every entry (i, j) of a valid matrix, the position of entry (j, i), or -1
+// when row j does not hold it.
+std::vector<int64_t> reverseEntries(const CsrMatrix& F);
+
 // Residuals of a valid matrix (validateMatrix).
 Residuals measureResiduals(const CsrMatrix& F, const std::vector<double>& area,
                            const std::vector<uint8_t>& active, Enclosure enclosure);

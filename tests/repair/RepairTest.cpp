@@ -3,6 +3,7 @@
 // capped, never raised; rows without rays and globs without rows are handled.
 #include <gtest/gtest.h>
 
+#include "ErrorBands.h"
 #include "Repair.h"
 #include "accuracy/ExactFactors.h"
 #include "support/RunHelpers.h"
@@ -67,15 +68,22 @@ struct ClosedCase {
 
 class ClosedEnclosure : public ::testing::TestWithParam<ClosedCase> {};
 
-TEST_P(ClosedEnclosure, BecomesExactlyClosedAndReciprocalAndCloserToTheExactFactors) {
-    const ClosedCase c = GetParam();
+// Runs an example model through the library into an HDF5 result (full-precision
+// rows) and reads it back.
+void computeResult(const char* model, int n, int resolution, cli::ResultFile& result) {
     const ScratchDir dir;
-    const std::string path = dir.file("model.h5");  // full-precision rows
-    hemiray::testing::writeFile(path, hemiray::testing::exampleText(c.model, c.n, c.resolution));
+    const std::string path = dir.file("model.h5");
+    hemiray::testing::writeFile(path, hemiray::testing::exampleText(model, n, resolution));
     ASSERT_EQ(hemiray::testing::runLibrary(path).result, 1);
-    cli::ResultFile result;
     std::string error;
     ASSERT_TRUE(cli::readResultFile(path, result, error)) << error;
+}
+
+TEST_P(ClosedEnclosure, BecomesExactlyClosedAndReciprocalAndCloserToTheExactFactors) {
+    const ClosedCase c = GetParam();
+    cli::ResultFile result;
+    computeResult(c.model, c.n, c.resolution, result);
+    std::string error;
     CsrMatrix F, repaired;
     std::vector<double> area;
     std::vector<uint8_t> active;
@@ -95,6 +103,24 @@ TEST_P(ClosedEnclosure, BecomesExactlyClosedAndReciprocalAndCloserToTheExactFact
 INSTANTIATE_TEST_SUITE_P(Models, ClosedEnclosure,
                          ::testing::Values(ClosedCase{"cube", 3, 6}, ClosedCase{"cube", 2, 12},
                                            ClosedCase{"sphere", 2, 6}));
+
+// A doubled factor is a fault, not sampling: the band flags that pair and its row
+// sum, and little else.
+TEST(ErrorBands, FlagTheFaultAndLittleElse) {
+    cli::ResultFile result;
+    computeResult("room", 2, 12, result);
+    cli::SparseRow& row = result.rows[5];
+    const size_t largest = std::max_element(row.values.begin(), row.values.end()) - row.values.begin();
+    row.values[largest] *= 2;
+    cli::BandSummary bands;
+    std::string error;
+    ASSERT_TRUE(cli::checkBands(result, bands, error)) << error;
+    EXPECT_GE(bands.rows[5].pairsBeyond, 1);
+    EXPECT_EQ(bands.rows[5].worstPartner, row.columns[largest]);
+    EXPECT_TRUE(bands.rows[5].sumAboveOne);
+    EXPECT_EQ(bands.rowsAboveOne, 1);
+    EXPECT_LT(bands.pairsBeyond, bands.pairs / 20);
+}
 
 CsrMatrix matrix(const std::vector<std::vector<std::pair<int32_t, double>>>& rows) {
     CsrMatrix F;

@@ -6,10 +6,15 @@
 // turns them into docs/accuracy.md's tables. Rows are computed on the calling thread
 // and timed by its CPU time.
 //
+// With --bins FILE it also writes the mean error of the factors by decade of their
+// exact value, from which the script fits an error law in the factor's size.
+//
 // Usage: hemiray_accuracy [--resolutions 4,8,16] [--sizes 1,4,16,64] [--mode 3d,planar,axisymmetric]
+//                         [--bins FILE]
 #include <cmath>
 #include <ctime>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <sstream>
@@ -187,6 +192,32 @@ Errors compare(const repair::CsrMatrix& F, const std::vector<std::vector<double>
     return e;
 }
 
+// Mean factor and mean error of the pairs whose exact factor lies in each decade
+// 1e-5 .. 1.
+void writeBins(std::ostream& out, const std::string& mode, int size, int R, const repair::CsrMatrix& F,
+               const std::vector<std::vector<double>>& exact) {
+    constexpr int decades = 5;
+    double factor[decades] = {}, error[decades] = {};
+    long long pairs[decades] = {};
+    const int32_t n = F.rowCount();
+    for (int32_t i = 0; i < n; ++i) {
+        std::vector<double> row(static_cast<size_t>(n), 0.0);
+        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k) row[F.columns[k]] = F.values[k];
+        for (int32_t j = 0; j < n; ++j) {
+            const double t = exact[i][j];
+            if (t <= 1e-5) continue;
+            const int d = std::clamp(static_cast<int>(-std::floor(std::log10(t))) - 1, 0, decades - 1);
+            factor[d] += t;
+            error[d] += std::abs(row[j] - t);
+            ++pairs[d];
+        }
+    }
+    for (int d = 0; d < decades; ++d)
+        if (pairs[d] > 0)
+            out << mode << ',' << size << ',' << R << ",1e-" << d + 1 << ',' << pairs[d] << ','
+                << factor[d] / pairs[d] << ',' << error[d] / pairs[d] << '\n';
+}
+
 std::vector<int> parseList(const std::string& text) {
     std::vector<int> values;
     std::stringstream in(text);
@@ -200,11 +231,16 @@ int main(int argc, char** argv) {
     std::vector<int> resolutions = {4, 8, 10, 16, 20, 32, 64};
     std::vector<int> sizes = {1, 4, 16, 64};
     std::string modes = "3d,planar,axisymmetric";
+    std::ofstream bins;
     for (int a = 1; a + 1 < argc; a += 2) {
         const std::string flag = argv[a];
         if (flag == "--resolutions") resolutions = parseList(argv[a + 1]);
         else if (flag == "--sizes") sizes = parseList(argv[a + 1]);
         else if (flag == "--mode") modes = argv[a + 1];
+        else if (flag == "--bins") {
+            bins.open(argv[a + 1]);
+            bins << "mode,faces_per_glob,resolution,decade,pairs,mean_factor,mean_error\n";
+        }
         else {
             std::cerr << "usage: hemiray_accuracy [--resolutions 4,8] [--sizes 1,4] [--mode 3d,planar]\n";
             return 2;
@@ -254,6 +290,7 @@ int main(int argc, char** argv) {
                     return 1;
                 }
                 const Errors before = compare(F, s.exact), after = compare(repaired, s.exact);
+                if (bins.is_open()) writeBins(bins, mode, size, R, F, s.exact);
                 repair::RepairOptions byArea;
                 byArea.averaging = repair::Averaging::byArea;
                 repair::RepairReport areaReport;
