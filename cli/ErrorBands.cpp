@@ -10,16 +10,16 @@
 namespace hemiray::cli {
 
 ErrorLaw errorLaw(int32_t dimension) {
-    // Least-squares fits over the decades of exact factors, resolutions 4 to 32 and
+    // Least-squares fits over the decades of exact factors, resolutions 4 to 128 and
     // globs of 1 to 64 faces of docs/accuracy-data/bins.csv (printed by
     // scripts/accuracy_report.py). In 3D each face's hemicube is turned at random,
     // so the faces of a glob average their errors out (about n^-1/2) and a factor's
     // error grows as its square root; in the plane and in axisymmetric runs the
     // direction set is not turned and faces hardly average out.
     switch (dimension) {
-    case 1: return {0.485, 0.439, 1.02, 0.122, 3};
-    case 2: return {1.52, 0.882, 0.222, 0.887, 3};
-    default: return {0.543, 0.506, 1.20, 0.605, 3};
+    case 1: return {0.878, 0.476, 1.20, 0.148, 3};
+    case 2: return {1.93, 0.790, 0.528, 0.964, 3};
+    default: return {0.632, 0.521, 1.23, 0.559, 3};
     }
 }
 
@@ -40,15 +40,25 @@ double rounding(const ResultFile& r, double f) {
 
 }  // namespace
 
+std::vector<int32_t> globFaceCounts(const ResultFile& result) {
+    std::vector<int32_t> faces(static_cast<size_t>(std::max(result.sizes.globCount, 0)), 0);
+    for (const int32_t g : result.participatingFaces.faceGlob)
+        if (g >= 0 && static_cast<size_t>(g) < faces.size()) ++faces[g];
+    return faces;
+}
+
+std::vector<double> lawWeights(const ResultFile& result, const std::vector<double>& area) {
+    const ErrorLaw law = errorLaw(result.sizes.dimension);
+    return repair::estimateWeights(area, globFaceCounts(result), law.factorPower, law.facesPower);
+}
+
 bool checkBands(ResultFile& result, BandSummary& s, std::string& error) {
     repair::CsrMatrix F;
     std::vector<double> area;
     std::vector<uint8_t> active;
     if (!resultMatrix(result, F, area, active, error)) return false;
     const std::vector<int64_t> reverse = repair::reverseEntries(F);
-    std::vector<int32_t> faces(area.size(), 0);
-    for (const int32_t g : result.participatingFaces.faceGlob)
-        if (g >= 0 && static_cast<size_t>(g) < faces.size()) ++faces[g];
+    const std::vector<int32_t> faces = globFaceCounts(result);
     const int32_t dimension = result.sizes.dimension, resolution = result.parameters.hemisphereResolution;
     const double scatter = errorLaw(dimension).scatter;
     auto expected = [&](int32_t g, double factor) { return expectedFactorError(dimension, factor, resolution, faces[g]); };
@@ -107,8 +117,8 @@ void printBands(std::ostream& out, const BandSummary& s, const ResultFile& r, bo
                 << row.pairsBeyond << (row.sumAboveOne ? "  row sum above 1" : "") << '\n';
     }
     out << "sampling band: a factor F is expected to be off by " << law.coefficient << " F^"
-        << std::defaultfloat << law.factorPower << " R^-" << law.resolutionPower << " n^-" << law.facesPower
-        << std::scientific << " (R = " << r.parameters.hemisphereResolution
+        << std::defaultfloat << std::setprecision(3) << law.factorPower << " R^-" << law.resolutionPower
+        << " n^-" << law.facesPower << std::scientific << std::setprecision(2) << " (R = " << r.parameters.hemisphereResolution
         << ", n faces of its glob): " << s.smallestExpectedError << " .. " << s.largestExpectedError
         << " for factors of the rows' mean size\n"
         << "reciprocity expected from sampling: " << s.expectedWeightedReciprocity

@@ -27,6 +27,13 @@ struct ErrorLaw {
 ErrorLaw errorLaw(int32_t dimension);
 double expectedFactorError(int32_t dimension, double factor, int32_t resolution, int32_t faces);
 
+// The number of participating faces of every glob.
+std::vector<int32_t> globFaceCounts(const ResultFile& result);
+
+// Weights for repair::RepairOptions::estimateWeight: the inverse variances of the
+// globs' energy estimates under the mode's error law.
+std::vector<double> lawWeights(const ResultFile& result, const std::vector<double>& area);
+
 // A pair is beyond the band when |A_i F_ij - A_j F_ji| exceeds the law's scatter
 // times A_i e_ij + A_j e_ji (the expected errors of the two factors, both taken at
 // the pair's mean energy) plus what the file's rounding of the factors explains.

@@ -2,6 +2,8 @@
 // byte up to its row section; an HDF5 result gets every object but the rows copied.
 #include "Repair.h"
 
+#include "ErrorBands.h"
+
 #include <cctype>
 #include <filesystem>
 #include <hdf5.h>
@@ -206,8 +208,8 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
         error = "--enclosure must be closed or open";
         return false;
     }
-    if (args.average != "equal" && args.average != "area") {
-        error = "--average must be equal or area";
+    if (args.average != "equal" && args.average != "weighted") {
+        error = "--average must be equal or weighted";
         return false;
     }
     if (!fs::exists(args.input)) {
@@ -240,10 +242,13 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
     std::vector<uint8_t> active;
     repair::RepairOptions options;
     options.enclosure = args.enclosure == "open" ? repair::Enclosure::open : repair::Enclosure::closed;
-    options.averaging = args.average == "area" ? repair::Averaging::byArea : repair::Averaging::equal;
     repair::RepairReport report;
-    if (!resultMatrix(result, F, area, active, error) ||
-        !repair::repairViewFactors(F, area, active, options, repaired, report, error)) {
+    if (!resultMatrix(result, F, area, active, error)) {
+        error = args.input + ": " + error;
+        return false;
+    }
+    if (args.average == "weighted") options.estimateWeight = lawWeights(result, area);
+    if (!repair::repairViewFactors(F, area, active, options, repaired, report, error)) {
         error = args.input + ": " + error;
         return false;
     }

@@ -14,7 +14,7 @@ struct RepairArgs {
     std::string input;
     std::string output;
     std::string enclosure = "closed";
-    std::string average = "equal";
+    std::string average = "weighted";
     bool force = false;
 };
 

@@ -345,8 +345,9 @@ int main(int argc, char** argv) {
     rep->add_option("--enclosure", repairArgs.enclosure,
                     "closed: rows sum to 1 (default); open: rows above 1 are capped at 1");
     rep->add_option("--average", repairArgs.average,
-                    "equal: S_ij = (A_i F_ij + A_j F_ji)/2 (default); area: weights 1/A^2, trusting"
-                    " the smaller glob's row");
+                    "weighted (default): each side of a pair by the inverse"
+                    " variance of its estimate under the measured error law (docs/accuracy.md); equal:"
+                    " S_ij = (A_i F_ij + A_j F_ji)/2");
     rep->add_flag("--force", repairArgs.force, "replace an existing file");
 
     int demoN = 4, demoRes = 40;

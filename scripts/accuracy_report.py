@@ -17,10 +17,9 @@ MODES = ["3d", "planar", "axisymmetric"]
 
 def fit(bins, mode):
     """log(mean error) = log C + a log F - p log R - q log n over the decades of exact
-    factors F, resolutions R <= 32 (where sampling, not the mesh, dominates) and glob
-    sizes n, each decade weighted by the square root of its pair count. The scatter is
+    factors F, resolutions R and glob sizes n, each decade weighted by the square root of its pair count. The scatter is
     exp(2 x the weighted rms of the log residuals): the law times it covers most points."""
-    pts = [r for r in bins if r["mode"] == mode and int(r["resolution"]) <= 32]
+    pts = [r for r in bins if r["mode"] == mode]
     X = np.array([[1, np.log(float(r["mean_factor"])), -np.log(int(r["resolution"])),
                    -np.log(int(r["faces_per_glob"]))] for r in pts])
     y = np.log([float(r["mean_error"]) for r in pts])
@@ -66,8 +65,8 @@ def main():
         c, a, p, q, scatter = fit(bins, mode)
         print(f"{mode}: {{{c:.3g}, {a:.3g}, {p:.3g}, {q:.3g}, {scatter:.3g}}}")
         laws.append(f"| {mode} | {c:.2g} | {a:.2f} | {p:.2f} | {q:.2f} | {scatter:.1f} |")
-        blocks[f"factors-{mode}"] = table(rows, mode, ["mean_error", "repaired_mean_error", "area_mean_error"])
-        blocks[f"largest-{mode}"] = table(rows, mode, ["max_error", "repaired_max_error", "area_max_error"])
+        blocks[f"factors-{mode}"] = table(rows, mode, ["mean_error", "repaired_mean_error", "weighted_mean_error"])
+        blocks[f"largest-{mode}"] = table(rows, mode, ["max_error", "repaired_max_error", "weighted_max_error"])
         blocks[f"rows-{mode}"] = table(rows, mode, ["max_row_error", "repaired_max_row_error"])
         blocks[f"reciprocity-{mode}"] = table(rows, mode, ["reciprocity"])
         blocks[f"cost-{mode}"] = cost(rows, mode)

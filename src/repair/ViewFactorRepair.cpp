@@ -99,13 +99,9 @@ Residuals measure(const CsrMatrix& F, const SortedRows& sorted, const std::vecto
 // one-sided pairs appended to their rows). Rows of globs that do not take part are
 // copied as factors.
 int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vector<double>& area,
-                   const std::vector<uint8_t>& part, Averaging averaging, CsrMatrix& S) {
+                   const std::vector<uint8_t>& part, const std::vector<double>& weight, CsrMatrix& S) {
     // The share of glob i's own estimate in S_ij.
-    auto share = [&](int32_t i, int32_t j) {
-        if (averaging == Averaging::equal) return 0.5;
-        const double wi = area[j] * area[j], wj = area[i] * area[i];  // 1/A_i^2 : 1/A_j^2
-        return wi / (wi + wj);
-    };
+    auto share = [&](int32_t i, int32_t j) { return weight.empty() ? 0.5 : weight[i] / (weight[i] + weight[j]); };
     const int32_t n = F.rowCount();
     auto oneSided = [&](int32_t i, int64_t k) {
         const int32_t j = F.columns[k];
@@ -185,6 +181,15 @@ int32_t balance(const CsrMatrix& S, const std::vector<double>& area, const std::
 
 }  // namespace
 
+std::vector<double> estimateWeights(const std::vector<double>& area, const std::vector<int32_t>& faces,
+                                    double factorPower, double facesPower) {
+    std::vector<double> weight(area.size(), 1.0);
+    for (size_t g = 0; g < area.size(); ++g)
+        if (area[g] > 0 && faces[g] > 0)
+            weight[g] = std::pow(area[g], 2 * factorPower - 2) * std::pow(double(faces[g]), 2 * facesPower);
+    return weight;
+}
+
 bool validateMatrix(const CsrMatrix& F, const std::vector<double>& area,
                     const std::vector<uint8_t>& active, std::string& error) {
     const size_t n = area.size();
@@ -239,13 +244,22 @@ bool repairViewFactors(const CsrMatrix& F, const std::vector<double>& area,
                        const std::vector<uint8_t>& active, const RepairOptions& options,
                        CsrMatrix& repaired, RepairReport& report, std::string& error) {
     if (!validateMatrix(F, area, active, error)) return false;
+    if (!options.estimateWeight.empty() && options.estimateWeight.size() != area.size()) {
+        error = "one estimate weight per glob is needed";
+        return false;
+    }
+    for (const double w : options.estimateWeight)
+        if (!(w > 0) || !std::isfinite(w)) {
+            error = "estimate weights must be positive";
+            return false;
+        }
     report = RepairReport{};
     const int32_t n = F.rowCount();
     const std::vector<uint8_t> part = globsTakingPart(area, active);
     {
         const SortedRows sorted(F);
         report.before = measure(F, sorted, area, part, options.enclosure);
-        report.addedEntries = symmetrise(F, sorted, area, part, options.averaging, repaired);
+        report.addedEntries = symmetrise(F, sorted, area, part, options.estimateWeight, repaired);
     }
 
     // Rows that are balanced: taking part, with some energy either way.

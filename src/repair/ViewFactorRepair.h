@@ -51,21 +51,21 @@ struct RepairReport {
 };
 
 // How the two estimates of a pair's exchanged energy, A_i F_ij from glob i's row
-// and A_j F_ji from glob j's, are averaged into S_ij.
-enum class Averaging {
-    equal,     // (A_i F_ij + A_j F_ji) / 2
-    // Weights 1 / A^2: each row's factors are taken as equally exact, so the
-    // energy from the smaller glob's row is the more exact estimate. A large wall
-    // reaches a small box with few of its rays; the box sees the wall with many.
-    byArea,
-};
-
+// and A_j F_ji from glob j's, are averaged into S_ij: with equal shares, or with
+// shares w_i / (w_i + w_j) from a weight per glob, the inverse of the variance of
+// that glob's energy estimates (up to a common factor).
 struct RepairOptions {
     Enclosure enclosure = Enclosure::closed;
-    Averaging averaging = Averaging::equal;
+    std::vector<double> estimateWeight;  // empty: equal shares; else one positive weight per glob
     double tolerance = 1e-13;  // largest |row sum - target| / target at which to stop
     int32_t maxSweeps = 20000;
 };
+
+// Weights for RepairOptions::estimateWeight when a factor F of a glob of n faces
+// is off by about C F^factorPower n^-facesPower: the energy A F then varies as
+// A^(2 - 2 factorPower) n^(-2 facesPower) at a given exchanged energy.
+std::vector<double> estimateWeights(const std::vector<double>& area, const std::vector<int32_t>& faces,
+                                    double factorPower, double facesPower);
 
 // Checks that F is a square matrix over `area.size()` globs with offsets that run
 // from 0 to the entry count, columns inside the matrix and not repeated within a
