@@ -14,6 +14,8 @@
 #include <sstream>
 
 #include "Hemisphere"
+#include "ErrorBands.h"
+#include "Repair.h"
 #include "ResultFile.h"
 #include "hemiray/raytracing.h"
 #include "hemiray/version.h"
@@ -191,7 +193,7 @@ int generate(const std::string& name, const std::string& output, int n, int reso
     return 0;
 }
 
-void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
+void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::BandSummary& bands) {
     std::cout << std::setprecision(10) << "{\"dimension\": " << r.sizes.dimension
               << ", \"globs\": " << r.sizes.globCount << ", \"rows\": " << r.rows.size()
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
@@ -206,7 +208,9 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r) {
                   << ", \"rowSum\": " << g.rowSum << ", \"reciprocity\": " << g.worstReciprocity
                   << ", \"partner\": " << g.worstPartner << "}";
     }
-    std::cout << "]}" << std::endl;
+    std::cout << "], \"band\": ";
+    cli::printBandsJson(std::cout, bands);
+    std::cout << "}" << std::endl;
 }
 
 void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGlob) {
@@ -234,8 +238,10 @@ int check(const std::string& path, bool json, bool perGlob) {
     std::string error;
     if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
     const auto summary = cli::checkResult(result);
-    if (json) printJson(summary, result);
-    else printTable(summary, result, perGlob);
+    cli::BandSummary bands;
+    if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
+    if (json) printJson(summary, result, bands);
+    else printTable(summary, result, perGlob), cli::printBands(std::cout, bands, result, perGlob);
     return 0;
 }
 
@@ -264,6 +270,8 @@ int demo(int n, int resolution) {
     std::string error;
     if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
     const auto summary = cli::checkResult(result);
+    cli::BandSummary bands;
+    if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
     const double rays = double(model.faceCount()) * Hemisphere(3, resolution).size_;
     std::cout << "\nSummary\n"
               << "  globs:        " << model.globCount() << '\n'
@@ -276,8 +284,10 @@ int demo(int n, int resolution) {
               << summary.maxRowSum << " (1 for a closed room)\n"
               << std::scientific << std::setprecision(2)
               << "  reciprocity:  " << summary.weightedReciprocity
-              << " of the exchanged energy unbalanced (worst single pair "
-              << summary.worstReciprocity << ", a factor few rays reach)\n"
+              << " of the exchanged energy unbalanced, " << bands.expectedWeightedReciprocity
+              << " expected from sampling at this resolution;\n                pairs beyond "
+              << cli::errorLaw(3).scatter << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
+              << " (hemiray repair balances them)\n"
               << "  result file:  " << path << std::endl;
     return 0;
 }
@@ -330,6 +340,18 @@ int main(int argc, char** argv) {
     chk->add_flag("--json", checkJson, "print JSON for programs");
     chk->add_flag("--globs", checkPerGlob, "print every glob, not only the totals");
 
+    cli::RepairArgs repairArgs;
+    auto* rep = app.add_subcommand("repair", "balance a result's rows for reciprocity and closure");
+    rep->add_option("result", repairArgs.input, "result file (text or binary rows, plain or .gz, or HDF5)")->required();
+    rep->add_option("-o,--output", repairArgs.output, "repaired result, of the input's kind (.h5 keeps it exact)")->required();
+    rep->add_option("--enclosure", repairArgs.enclosure,
+                    "closed: rows sum to 1 (default); open: rows above 1 are capped at 1");
+    rep->add_option("--average", repairArgs.average,
+                    "weighted (default): each side of a pair by the inverse"
+                    " variance of its estimate under the measured error law (docs/accuracy.md); equal:"
+                    " S_ij = (A_i F_ij + A_j F_ji)/2");
+    rep->add_flag("--force", repairArgs.force, "replace an existing file");
+
     int demoN = 4, demoRes = 40;
     auto* dem = app.add_subcommand("demo", "run an embedded example on every core");
     dem->add_option("--n", demoN, "subdivisions per wall edge (default 4)");
@@ -364,6 +386,10 @@ int main(int argc, char** argv) {
         return generate(genCase, genOutput, genN, genRes, genForce);
     }
     if (*chk) return check(checkPath, checkJson, checkPerGlob);
+    if (*rep) {
+        std::string error;
+        return cli::repairResult(repairArgs, std::cout, error) ? 0 : fail(error);
+    }
     if (*dem) {
         if (demoN < 1) return fail("--n must be at least 1");
         if (demoRes < 1) return fail("--res must be at least 1");

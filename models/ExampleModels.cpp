@@ -214,6 +214,7 @@ const std::vector<ExampleCase>& exampleCases() {
         {"room", "3D: a closed 4 x 3 x 2.5 room with a box obstacle"},
         {"room-mirror", "3D: the room halved at x = 2 by a mirror plane"},
         {"sphere", "3D: the inside of a unit sphere (triangles)"},
+        {"cube", "3D: the inside of a unit cube"},
         {"cylinder", "axisymmetric: a closed cylinder of radius 1 and length 2 with its end disks"},
         {"polygon", "planar: a 4 x 3 room around a square pillar"},
         {"ring", "planar: the closed ring between radii 1 and 2"},
@@ -235,6 +236,7 @@ bool makeExample(const std::string& name, int n, int resolution, Model& model) {
     else if (name == "room") room(b, n, false);
     else if (name == "room-mirror") room(b, n, true);
     else if (name == "sphere") sphere(b, n);
+    else if (name == "cube") box(b, {0, 0, 0}, {1, 1, 1}, n, true);
     else if (name == "cylinder") { model.dimension = 1; cylinder(b, n); }
     else if (name == "polygon") { model.dimension = 2; polygon(b, n); }
     else if (name == "ring") { model.dimension = 2; ring(b, model, n, false); }
