@@ -302,6 +302,14 @@ int main(int argc, char** argv) {
     run->add_flag("--direct", runArgs.direct,
                   "with --block: hand it over as a direct block of pointers to its arrays")
         ->needs("--block");
+    // Per-face sampling reaches the library as it reaches any host's: HEMIRAY_SEED.
+    std::string sampling;
+    uint64_t samplingKey = 0;
+    run->add_option("--sampling", sampling,
+                    "3D frames: team (default; results depend on --threads) or per-face"
+                    " (results independent of threads and processes)")
+        ->check(CLI::IsMember({"team", "per-face"}));
+    auto* keyOption = run->add_option("--seed", samplingKey, "key of per-face sampling (default 0)");
 
     std::string blockInput, blockOutput;
     bool blockForce = false;
@@ -347,6 +355,9 @@ int main(int argc, char** argv) {
     if (*run) {
         if (run->count("--threads") > 0 && runArgs.threads < 1)
             return fail("--threads must be at least 1");
+        if (keyOption->count() > 0 && sampling != "per-face") return fail("--seed needs --sampling per-face");
+        if (sampling == "per-face") setenv("HEMIRAY_SEED", std::to_string(samplingKey).c_str(), 1);
+        if (sampling == "team") unsetenv("HEMIRAY_SEED");
         return runModel(runArgs);
     }
     if (*blk) return writeBlock(blockInput, blockOutput, blockForce);

@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fstream>
 #include <iostream>
@@ -26,6 +29,22 @@ namespace hemiray {
 void writeProgressFile(const std::string& name, int percent) {
     std::ofstream progress(name, std::ios::out | std::ios::trunc);
     progress << percent << "\n." << std::endl;
+}
+
+bool samplingFromEnvironment(Sampling& sampling) {
+    sampling = Sampling{};
+    const char* value = std::getenv("HEMIRAY_SEED");
+    if (!value || !*value) return true;
+    const char* end = value + std::strlen(value);
+    uint64_t key = 0;
+    const auto [stop, error] = std::from_chars(value, end, key);
+    if (error != std::errc{} || stop != end) {
+        reportRunError("HEMIRAY_SEED must be a whole number from 0 to 18446744073709551615, not \"" +
+                       std::string(value) + "\"");
+        return false;
+    }
+    sampling = Sampling{true, key};
+    return true;
 }
 
 namespace {

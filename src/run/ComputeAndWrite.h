@@ -20,6 +20,11 @@ struct Sampling {
     uint64_t key = 0;
 };
 
+// The sampling a host asks for through the environment: per face, keyed by the
+// value of HEMIRAY_SEED, when that variable is set and not empty. False after an
+// "error: " line when its value is not a whole number that fits 64 bits.
+[[nodiscard]] bool samplingFromEnvironment(Sampling& sampling);
+
 struct RunOptions {
     int32_t slotCount = 1;         // rows per block: frames are drawn by slot
     int32_t numThreads = 1;        // threads that trace the rays
