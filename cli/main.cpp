@@ -14,7 +14,9 @@
 #include <sstream>
 
 #include "Hemisphere"
+#include "MpiLaunch.h"
 #include "ResultFile.h"
+#include "RunNames.h"
 #include "hemiray/raytracing.h"
 #include "input/MeshBlockPacker.h"
 #include "models/ExampleModels.h"
@@ -30,18 +32,6 @@ namespace {
 int fail(const std::string& message) {
     std::cerr << "hemiray: " << message << std::endl;
     return 1;
-}
-
-// "mesh.msh" -> "mesh.msh.vf", "mesh.msh.gz" -> "mesh.msh.vf.gz", "mesh.Z" -> "mesh.vf",
-// "mesh.h5" -> "mesh.vf.h5" (an HDF5 result).
-std::string defaultOutputName(const std::string& input) {
-    auto endsWith = [&](const std::string& tail) {
-        return input.size() >= tail.size() && input.compare(input.size() - tail.size(), tail.size(), tail) == 0;
-    };
-    if (endsWith(".gz")) return input.substr(0, input.size() - 3) + ".vf.gz";
-    if (endsWith(".Z")) return input.substr(0, input.size() - 2) + ".vf";
-    if (endsWith(".h5")) return input.substr(0, input.size() - 3) + ".vf.h5";
-    return input + ".vf";
 }
 
 // Copies the model text from input to output, decompressing and compressing as the
@@ -284,6 +274,7 @@ int demo(int n, int resolution) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const auto status = handOverToMpiRun(argc, argv)) return *status;
     CLI::App app{"hemiray: radiative view factors by ray tracing"};
     app.require_subcommand(1);
 
