@@ -15,8 +15,10 @@
 
 #include "Hemisphere"
 #include "ErrorBands.h"
+#include "MpiLaunch.h"
 #include "Repair.h"
 #include "ResultFile.h"
+#include "RunNames.h"
 #include "hemiray/raytracing.h"
 #include "hemiray/version.h"
 #include "input/MeshBlockPacker.h"
@@ -33,18 +35,6 @@ namespace {
 int fail(const std::string& message) {
     std::cerr << "hemiray: " << message << std::endl;
     return 1;
-}
-
-// "mesh.msh" -> "mesh.msh.vf", "mesh.msh.gz" -> "mesh.msh.vf.gz", "mesh.Z" -> "mesh.vf",
-// "mesh.h5" -> "mesh.vf.h5" (an HDF5 result).
-std::string defaultOutputName(const std::string& input) {
-    auto endsWith = [&](const std::string& tail) {
-        return input.size() >= tail.size() && input.compare(input.size() - tail.size(), tail.size(), tail) == 0;
-    };
-    if (endsWith(".gz")) return input.substr(0, input.size() - 3) + ".vf.gz";
-    if (endsWith(".Z")) return input.substr(0, input.size() - 2) + ".vf";
-    if (endsWith(".h5")) return input.substr(0, input.size() - 3) + ".vf.h5";
-    return input + ".vf";
 }
 
 // Copies the model text from input to output, decompressing and compressing as the
@@ -295,6 +285,7 @@ int demo(int n, int resolution) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (const auto status = handOverToMpiRun(argc, argv)) return *status;
     CLI::App app{"hemiray: radiative view factors by ray tracing"};
     app.set_version_flag("--version", std::string("hemiray ") + HEMIRAY_VERSION_STRING);
     app.require_subcommand(1);
@@ -314,6 +305,14 @@ int main(int argc, char** argv) {
     run->add_flag("--direct", runArgs.direct,
                   "with --block: hand it over as a direct block of pointers to its arrays")
         ->needs("--block");
+    // Per-face sampling reaches the library as it reaches any host's: HEMIRAY_SEED.
+    std::string sampling;
+    uint64_t samplingKey = 0;
+    run->add_option("--sampling", sampling,
+                    "3D frames: team (default; results depend on --threads) or per-face"
+                    " (results independent of threads and processes)")
+        ->check(CLI::IsMember({"team", "per-face"}));
+    auto* keyOption = run->add_option("--seed", samplingKey, "key of per-face sampling (default 0)");
 
     std::string blockInput, blockOutput;
     bool blockForce = false;
@@ -373,6 +372,9 @@ int main(int argc, char** argv) {
     if (*run) {
         if (run->count("--threads") > 0 && runArgs.threads < 1)
             return fail("--threads must be at least 1");
+        if (keyOption->count() > 0 && sampling != "per-face") return fail("--seed needs --sampling per-face");
+        if (sampling == "per-face") setenv("HEMIRAY_SEED", std::to_string(samplingKey).c_str(), 1);
+        if (sampling == "team") unsetenv("HEMIRAY_SEED");
         return runModel(runArgs);
     }
     if (*blk) return writeBlock(blockInput, blockOutput, blockForce);

@@ -60,7 +60,7 @@ Hdf5Consumer::OpenResult::OpenResult(std::string targetName, std::string partial
 Hdf5Consumer::OpenResult::~OpenResult() {
     if (published) return;
     (void)writer.close();
-    std::remove(partial.c_str());
+    removePartialFile(partial);
 }
 
 std::unique_ptr<Hdf5Delivery> Hdf5Consumer::startResult(const std::string& name) {

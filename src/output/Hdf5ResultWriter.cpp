@@ -24,8 +24,18 @@ constexpr hsize_t compressFrom = 4096;
 
 Hdf5Id scalarSpace() { return {H5Screate(H5S_SCALAR), H5Sclose}; }
 
+// Creation properties of groups and datasets whose object headers keep no times:
+// the same result then gives the same file bytes, run after run.
+Hdf5Id timelessCreation(hid_t propertyClass) {
+    Hdf5Id creation(H5Pcreate(propertyClass), H5Pclose);
+    if (!creation.valid() || H5Pset_obj_track_times(creation.get(), false) < 0) return {};
+    return creation;
+}
+
 Hdf5Id createGroup(hid_t location, const char* name) {
-    return {H5Gcreate2(location, name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT), H5Gclose};
+    const Hdf5Id creation = timelessCreation(H5P_GROUP_CREATE);
+    if (!creation.valid()) return {};
+    return {H5Gcreate2(location, name, H5P_DEFAULT, creation.get(), H5P_DEFAULT), H5Gclose};
 }
 
 bool writeAttribute(hid_t location, const char* name, hid_t fileType, hid_t memoryType,
@@ -60,7 +70,7 @@ bool writeString(hid_t location, const char* name, const std::string& text) {
 // library has the filter (shuffling puts the bytes of equal significance side by
 // side, which is what makes integer and double arrays compress).
 Hdf5Id chunkedCreation(int rank, const hsize_t* chunk) {
-    Hdf5Id creation(H5Pcreate(H5P_DATASET_CREATE), H5Pclose);
+    Hdf5Id creation = timelessCreation(H5P_DATASET_CREATE);
     if (!creation.valid() || H5Pset_chunk(creation.get(), rank, chunk) < 0) return {};
     if (H5Zfilter_avail(H5Z_FILTER_DEFLATE) > 0 &&
         (H5Pset_shuffle(creation.get()) < 0 || H5Pset_deflate(creation.get(), 1) < 0))
@@ -76,14 +86,14 @@ bool writeDataset(hid_t location, const char* name, hid_t fileType, hid_t memory
     const Hdf5Id space(H5Screate_simple(rank, dims, nullptr), H5Sclose);
     if (!space.valid()) return false;
     const hsize_t elements = rows * std::max<hsize_t>(columns, 1);
-    Hdf5Id creation;
+    Hdf5Id creation = timelessCreation(H5P_DATASET_CREATE);
     if (elements >= compressFrom) {
         const hsize_t chunk[2] = {std::min<hsize_t>(rows, rowEntryChunk), columns};
         creation = chunkedCreation(rank, chunk);
-        if (!creation.valid()) return false;
     }
-    Hdf5Id dataset(H5Dcreate2(location, name, fileType, space.get(), H5P_DEFAULT,
-                              creation.valid() ? creation.get() : H5P_DEFAULT, H5P_DEFAULT),
+    if (!creation.valid()) return false;
+    Hdf5Id dataset(H5Dcreate2(location, name, fileType, space.get(), H5P_DEFAULT, creation.get(),
+                              H5P_DEFAULT),
                    H5Dclose);
     if (!dataset.valid()) return false;
     if (elements > 0 &&

@@ -1,7 +1,9 @@
 // Partial result files beside their target, and their move over it.
 #include "output/ReplacementFile.h"
 
+#include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/stat.h>
@@ -10,6 +12,50 @@
 namespace hemiray {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// The partial files of this process that are still open for writing, readable
+// from a signal handler: a slot's name is complete before it is marked in use.
+struct PendingPartial {
+    std::atomic<bool> used{false};
+    char name[4096] = {};
+};
+PendingPartial pendingPartials[8];
+
+void remember(const std::string& partial) {
+    if (partial.size() >= sizeof PendingPartial::name) return;
+    for (PendingPartial& slot : pendingPartials) {
+        if (slot.used.load()) continue;
+        std::memcpy(slot.name, partial.c_str(), partial.size() + 1);
+        slot.used.store(true);
+        return;
+    }
+}
+
+void forget(const std::string& partial) {
+    for (PendingPartial& slot : pendingPartials)
+        if (slot.used.load() && partial == slot.name) slot.used.store(false);
+}
+
+}  // namespace
+
+void removePartialFile(const std::string& partial) {
+    forget(partial);
+    std::remove(partial.c_str());
+}
+
+std::vector<std::string> pendingPartialFiles() {
+    std::vector<std::string> names;
+    for (const PendingPartial& slot : pendingPartials)
+        if (slot.used.load()) names.emplace_back(slot.name);
+    return names;
+}
+
+void removePartialFilesNow() {
+    for (PendingPartial& slot : pendingPartials)
+        if (slot.used.load()) unlink(slot.name);
+}
 
 std::string resolveReplacementTarget(const std::string& name) {
     std::error_code ec;
@@ -32,6 +78,7 @@ std::string createPartialFile(const std::string& target) {
     const int fd = mkstemp(pattern.data());
     if (fd < 0) return {};
     close(fd);
+    remember(pattern);
     return pattern;
 }
 
@@ -45,7 +92,9 @@ bool publishPartialFile(const std::string& partial, const std::string& target) {
         umask(mask);
         chmod(partial.c_str(), 0666 & ~mask);
     }
-    return std::rename(partial.c_str(), target.c_str()) == 0;
+    if (std::rename(partial.c_str(), target.c_str()) != 0) return false;
+    forget(partial);
+    return true;
 }
 
 }  // namespace hemiray

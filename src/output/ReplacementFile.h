@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace hemiray {
 
@@ -25,5 +26,16 @@ namespace hemiray {
 // default ones for a new file) and renames it over the target. False when the
 // rename failed; the partial file is then still there for the caller to remove.
 [[nodiscard]] bool publishPartialFile(const std::string& partial, const std::string& target);
+
+// Removes a partial file that will not be published.
+void removePartialFile(const std::string& partial);
+
+// Removes every partial file of this process that is neither published nor
+// removed yet. Safe in a signal handler: a front end that is told to terminate
+// (an MPI job whose other rank died) leaves nothing of its result behind.
+void removePartialFilesNow();
+
+// The partial files of this process that are neither published nor removed yet.
+std::vector<std::string> pendingPartialFiles();
 
 }  // namespace hemiray

@@ -2,6 +2,11 @@
 #include "run/ComputeAndWrite.h"
 
 #include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -26,6 +31,22 @@ void writeProgressFile(const std::string& name, int percent) {
     progress << percent << "\n." << std::endl;
 }
 
+bool samplingFromEnvironment(Sampling& sampling) {
+    sampling = Sampling{};
+    const char* value = std::getenv("HEMIRAY_SEED");
+    if (!value || !*value) return true;
+    const char* end = value + std::strlen(value);
+    uint64_t key = 0;
+    const auto [stop, error] = std::from_chars(value, end, key);
+    if (error != std::errc{} || stop != end) {
+        reportRunError("HEMIRAY_SEED must be a whole number from 0 to 18446744073709551615, not \"" +
+                       std::string(value) + "\"");
+        return false;
+    }
+    sampling = Sampling{true, key};
+    return true;
+}
+
 namespace {
 
 // Prints the 10 % lines that fall on the block that starts at `start`. The test
@@ -48,22 +69,53 @@ bool sinkFailed(const RowSink& sink, RowSink::Status status) {
     return true;
 }
 
-// How many blocks of `slots` rows one parallel region computes. More blocks per
-// region mean fewer joins and less waiting for the slowest glob of a block; the
-// bound is the memory of the rows, each as wide as the glob count, and keeping
-// progress lines and write failures timely.
-int32_t blocksPerParallelRegion(int32_t slots, int32_t globCount, int32_t activeCount) {
-    constexpr int64_t rowMemoryBudget = 64ll << 20;  // bytes for all rows of a batch
-    constexpr int64_t maxRowsPerBatch = 256;
-    const int64_t rowBytes = std::max<int64_t>(globCount, 1) * int64_t{sizeof(double) + 2 * sizeof(int32_t)};
-    int64_t rowsPerBatch = std::min(maxRowsPerBatch, rowMemoryBudget / rowBytes);
-    rowsPerBatch = std::min<int64_t>(rowsPerBatch, std::max(activeCount, 1));
-    return static_cast<int32_t>(std::max<int64_t>(1, rowsPerBatch / slots));
-}
+// The faces of all rows in list order form one sequence, traced in windows of at
+// most windowRays rays (whole faces; at least one face, at most maxWindowFaces).
+// Two windows are held at a time: one traced by every thread while the other is
+// added into its rows and written. Threads take a window's faces in units of at
+// least unitRays rays, so that no thread waits long for another at its end.
+constexpr int64_t windowRays = int64_t{1} << 20;
+constexpr int64_t maxWindowFaces = int64_t{1} << 15;
+constexpr int64_t unitRays = 384;
+
+struct Window {
+    int64_t first = 0;  // position of its first face in the sequence
+    int64_t faces = 0;
+    std::vector<FaceFrame> frames;  // one per face, in sequence order
+    std::vector<int32_t> columns;   // per face, one per direction
+};
+
+// Where the frames come from: the generator of the team member that a row's slot
+// belongs to, or the face's own stream.
+class FrameSource {
+public:
+    FrameSource(const RunOptions& run, int32_t dimension, const FaceSet& faces, int32_t team)
+        : run_(run), dimension_(dimension), faces_(faces), members_(static_cast<size_t>(team)) {}
+
+    FaceFrame frame(int32_t row, int32_t face) {
+        if (run_.sampling.perFace) {
+            FaceStream stream(run_.sampling.key, face);
+            return faceFrame(dimension_, faces_, face, stream);
+        }
+        const size_t member = static_cast<size_t>(row % run_.slotCount) % members_.size();
+        return faceFrame(dimension_, faces_, face, members_[member]);
+    }
+    std::vector<MemberGenerator>& members() { return members_; }
+
+private:
+    const RunOptions& run_;
+    int32_t dimension_;
+    const FaceSet& faces_;
+    std::vector<MemberGenerator> members_;
+};
 
 }  // namespace
 
 bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink) {
+    return computeAndWrite(model, run, sink, nullptr);
+}
+
+bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShare* share) {
     const int32_t dimension = model.sizes.dimension;
     const int32_t globCount = model.sizes.globCount;
     const FaceSet& faces = model.participatingFaces;
@@ -76,57 +128,164 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink) {
     for (int32_t g = 0; g < globs.globCount(); ++g)
         if (globs.globActive[g]) activeGlobs.push_back(g);
 
+    const bool writes = !share || share->part() == 0;
     const ResultHead head{model, activeGlobs, run.headerData, run.headerFlag};
-    if (sinkFailed(sink, sink.begin(head))) return false;
+    const RowSink::Status opened = writes ? sink.begin(head) : RowSink::Status::Ok;
+    if (share && !share->allOk(opened == RowSink::Status::Ok)) {
+        if (writes) (void)sinkFailed(sink, opened);
+        return false;
+    }
+    if (sinkFailed(sink, opened)) return false;
 
     std::cout << "# Create BSP tree..." << std::endl;
     const MeshView mesh{&model.nodes, &model.participatingFaces};
     // Rays walk the tree's flat copy; the node tree goes once it is copied.
     const TraversalTree tree(BspNode(dimension, &mesh, true));
+    // Every ray of the run is traced here: the nearest hit of one straight piece.
+    const auto nearestHit = [&tree](const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                                    int32_t& hitFace) { return tree.trace(O, D, hitPoint, hitFace); };
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());
     const int32_t slots = run.slotCount;
-    const int32_t blocksPerBatch = blocksPerParallelRegion(slots, globCount, count);
-    // One row per slot of a batch, allocated once and reused for every batch.
-    std::vector<SparseRowVector> rows(static_cast<size_t>(slots) * blocksPerBatch);
-    for (auto& row : rows) row.resize(globCount);
-
+    // Row r owns the faces [rowFaceStart[r], rowFaceStart[r + 1]) of the sequence.
+    std::vector<int64_t> rowFaceStart(static_cast<size_t>(count) + 1, 0);
+    for (int32_t r = 0; r < count; ++r) {
+        const int32_t g = activeGlobs[r];
+        rowFaceStart[r + 1] = rowFaceStart[r] + globs.globFaceStart[g + 1] - globs.globFaceStart[g];
+    }
+    const int64_t totalFaces = rowFaceStart[count];
     const ZoneTable& zones = model.zones;
-    for (int32_t batchStart = 0; batchStart < count; batchStart += slots * blocksPerBatch) {
-        const int32_t batchEnd = std::min(count, batchStart + slots * blocksPerBatch);
-        // Rows go to threads in blocks of `slots` globs: slot i of every block goes to
-        // thread i modulo the team size, and each thread takes its slots block after
-        // block in increasing order. That fixes which globs, in which order, draw from
-        // each thread's generator for a given thread count. Several blocks share one
-        // parallel region, with no barrier between them: threads then neither wait
-        // for the slowest glob of every block nor spin through thousands of joins.
-#pragma omp parallel num_threads(run.numThreads) default(none) \
-    shared(batchStart, batchEnd, slots, activeGlobs, dimension, hemisphere, faces, globs, \
-               zones, tree, rows)
+    const int64_t rays = hemisphere.size_;
+    const int32_t parts = share ? share->parts() : 1;
+    const int32_t part = share ? share->part() : 0;
+    const int64_t windowFaces =
+        std::clamp<int64_t>(windowRays * std::min(parts, 4) / std::max<int64_t>(rays, 1), 1, maxWindowFaces);
+    const int64_t unitFaces = std::max<int64_t>(1, (unitRays + rays - 1) / std::max<int64_t>(rays, 1));
+
+    // The generators of the team that the result depends on: fresh, or those of
+    // the threads that a region of numThreads gets, which go on from run to run.
+    const bool continueThreads = run.teamSize <= 0;
+    int32_t team = run.teamSize;
+    std::vector<uint32_t> threadStates(static_cast<size_t>(std::max(run.numThreads, 1)), 1);
+    if (continueThreads) {
+#pragma omp parallel num_threads(run.numThreads) default(none) shared(team, threadStates)
         {
-            const int32_t team = omp_get_num_threads();
-            const int32_t thread = omp_get_thread_num();
-            for (int32_t blockStart = batchStart; blockStart < batchEnd; blockStart += slots) {
-                const int32_t chunk = std::min(slots, batchEnd - blockStart);
-                for (int32_t i = thread; i < chunk; i += team)
-                    computeViewFactorRow(activeGlobs[blockStart + i], dimension, hemisphere,
-                                         faces, globs, zones, tree, rows[blockStart - batchStart + i]);
-            }
-        }
-        // Handed over by this thread alone, in list order, whatever the threads' timing.
-        for (int32_t blockStart = batchStart; blockStart < batchEnd; blockStart += slots) {
-            const int32_t chunk = std::min(slots, batchEnd - blockStart);
-            bool taken = true;
-            for (int32_t i = 0; i < chunk; ++i) {
-                SparseRowVector& row = rows[blockStart - batchStart + i];
-                taken = sink.write(row) && taken;
-                row.clear();
-            }
-            if (!taken) return !sinkFailed(sink, RowSink::Status::CannotWrite);
-            reportProgress(run, static_cast<uint64_t>(blockStart), static_cast<uint64_t>(count));
+            if (omp_get_thread_num() == 0) team = omp_get_num_threads();
+            threadStates[static_cast<size_t>(omp_get_thread_num())] = threadRandomState();
         }
     }
+    FrameSource frames(run, dimension, faces, team);
+    if (continueThreads)
+        for (int32_t j = 0; j < team; ++j) frames.members()[j].state = threadStates[j];
+
+    Window windows[2];
+    for (Window& w : windows) {
+        w.frames.resize(static_cast<size_t>(std::min(windowFaces, totalFaces)));
+        w.columns.resize(w.frames.size() * static_cast<size_t>(rays));
+    }
+
+    // Adds a traced window into the rows, in sequence order (face by face,
+    // direction by direction, as one thread computing the row would), and hands
+    // every completed row to the sink with the progress lines of its block.
+    SparseRowVector row;
+    row.resize(globCount);
+    double globArea = 0;
+    int32_t rowsDone = 0;
+    bool writeFailed = false;
+    const auto completeRow = [&] {
+        normaliseRow(row, globArea);
+        writeFailed = !sink.write(row);
+        row.clear();
+        globArea = 0;
+        ++rowsDone;
+        if (!writeFailed && (rowsDone % slots == 0 || rowsDone == count))
+            reportProgress(run, static_cast<uint64_t>(rowsDone - 1 - (rowsDone - 1) % slots),
+                           static_cast<uint64_t>(count));
+    };
+    const auto addWindow = [&](const Window& w) {
+        for (int64_t i = 0; i < w.faces && !writeFailed; ++i) {
+            while (w.first + i >= rowFaceStart[rowsDone + 1] && !writeFailed) completeRow();
+            const FaceFrame& f = w.frames[static_cast<size_t>(i)];
+            globArea += f.area;
+            if (emits(f)) addFaceRays(row, hemisphere, f.area, &w.columns[static_cast<size_t>(i * rays)]);
+        }
+    };
+
+    int64_t nextFace = 0;  // first face of the next window
+    int32_t planRow = 0;   // the row of nextFace
+    bool stop = false;
+    std::atomic<int64_t> nextUnit{0};
+    std::exception_ptr writeError;
+    if (totalFaces > 0) {
+#pragma omp parallel num_threads(run.numThreads) default(none)                                  \
+    shared(windows, frames, nextFace, planRow, stop, nextUnit, writeError, writeFailed, share, \
+               rowFaceStart, activeGlobs, globs, faces, zones, hemisphere,        \
+               nearestHit, addWindow, totalFaces, windowFaces, unitFaces, rays, parts, part, writes)
+        {
+            RotationCache rotation;
+            for (int64_t w = 0;; ++w) {
+                Window& tracing = windows[w % 2];
+#pragma omp single
+                {
+                    // Frames are drawn here, in sequence order, by one thread: each
+                    // member's generator then draws for its faces in the order the
+                    // one-process loop does. It costs a few draws per face.
+                    tracing.first = nextFace;
+                    tracing.faces = stop ? 0 : std::min(windowFaces, totalFaces - nextFace);
+                    for (int64_t i = 0; i < tracing.faces; ++i, ++nextFace) {
+                        while (nextFace >= rowFaceStart[planRow + 1]) ++planRow;
+                        const int32_t glob = activeGlobs[planRow];
+                        const int32_t face = globs.globFaces[globs.globFaceStart[glob] +
+                                                             (nextFace - rowFaceStart[planRow])];
+                        tracing.frames[static_cast<size_t>(i)] = frames.frame(planRow, face);
+                    }
+                    nextUnit = 0;
+                }
+                // The thread that called the run collects, adds and writes the
+                // previous window while the others start on this one.
+                if (w > 0 && omp_get_thread_num() == 0) {
+                    Window& traced = windows[(w - 1) % 2];
+                    if (share)
+                        stop = share->exchange(traced.columns.data(), traced.faces * rays,
+                                               unitFaces * rays, stop || writeFailed) || stop;
+                    if (writes && !writeFailed && !writeError) {
+                        try {
+                            addWindow(traced);
+                        } catch (...) {
+                            writeError = std::current_exception();
+                        }
+                    }
+                    if (!share) stop = stop || writeFailed || writeError;
+                }
+                const int64_t units = (tracing.faces + unitFaces - 1) / unitFaces;
+                for (;;) {
+                    const int64_t unit = part + parts * nextUnit.fetch_add(1, std::memory_order_relaxed);
+                    if (unit >= units) break;
+                    const int64_t end = std::min(tracing.faces, (unit + 1) * unitFaces);
+                    for (int64_t i = unit * unitFaces; i < end; ++i) {
+                        const FaceFrame& f = tracing.frames[static_cast<size_t>(i)];
+                        if (!emits(f)) continue;
+                        int32_t* columns = &tracing.columns[static_cast<size_t>(i * rays)];
+                        for (int k = 0; k < rays; ++k)
+                            columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
+                                                   zones, nearestHit, rotation);
+                    }
+                }
+#pragma omp barrier
+                if (tracing.faces == 0) break;
+            }
+        }
+    }
+    if (continueThreads) {
+#pragma omp parallel num_threads(run.numThreads) default(none) shared(frames, team)
+        if (omp_get_thread_num() < team)
+            setThreadRandomState(frames.members()[omp_get_thread_num()].state);
+    }
+    if (writeError) std::rethrow_exception(writeError);
+    if (!writes) return !stop;
+    while (!writeFailed && rowsDone < count) completeRow();
+    if (writeFailed) return !sinkFailed(sink, RowSink::Status::CannotWrite);
 
     if (!sink.finish()) return !sinkFailed(sink, RowSink::Status::CannotWrite);
     if (!sink.announcesCompletion()) return true;

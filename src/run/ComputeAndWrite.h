@@ -11,18 +11,62 @@ namespace hemiray {
 struct Model;
 class RowSink;
 
+// How 3D faces draw the random turn of their hemicube. By default each face draws
+// from the generator of the team member that its slot belongs to, so rows depend
+// on the slot count and the team size. Per face, the turn of face f comes from a
+// stream keyed by (key, f) alone, and rows depend on nothing of the schedule.
+struct Sampling {
+    bool perFace = false;
+    uint64_t key = 0;
+};
+
+// The sampling a host asks for through the environment: per face, keyed by the
+// value of HEMIRAY_SEED, when that variable is set and not empty. False after an
+// "error: " line when its value is not a whole number that fits 64 bits.
+[[nodiscard]] bool samplingFromEnvironment(Sampling& sampling);
+
 struct RunOptions {
-    int32_t slotCount = 1;         // rows computed per block
-    int32_t numThreads = 1;        // threads of each parallel region
+    int32_t slotCount = 1;         // rows per block: frames are drawn by slot
+    int32_t numThreads = 1;        // threads that trace the rays
+    // Members of the team whose generators draw the frames (slot i of every block
+    // draws from member i modulo the team). 0: the team the runtime grants to
+    // numThreads threads, whose generators go on from where those threads left
+    // them; otherwise a team of this size whose generators all start at 1, as in a
+    // fresh process.
+    int32_t teamSize = 0;
     std::string progressName;      // empty: no progress file
     const char* headerData = nullptr;  // text of the result's first line
     bool headerFlag = false;
+    Sampling sampling;
+};
+
+// A run shared by several processes (the ranks of an MPI job): each part traces its
+// share of every window's rays; part 0 collects them, adds them into the rows in
+// the one-process order and alone writes to its sink. Every part makes the same
+// calls in the same order.
+class RayShare {
+public:
+    virtual ~RayShare() = default;
+    virtual int32_t parts() const = 0;
+    virtual int32_t part() const = 0;
+    // True on every part when `ok` is true on every part.
+    [[nodiscard]] virtual bool allOk(bool ok) = 0;
+    // After a window is traced: columns holds `rays` ray columns in window order,
+    // in units of unitRays rays (the last may be shorter), of which unit u was
+    // traced by part u % parts(); part 0 receives the units of the others in
+    // place. `stop` is part 0's wish to end the run; the result, the same on every
+    // part, says whether the run ends.
+    [[nodiscard]] virtual bool exchange(int32_t* columns, int64_t rays, int64_t unitRays,
+                                        bool stop) = 0;
 };
 
 // Computes every active glob's row of model into sink. Fills the participating
 // faces' geometry. False after an "error: " line (the sink could not be opened or
 // written); a file sink then leaves an earlier file of its name as it was.
 bool computeAndWrite(Model& model, const RunOptions& options, RowSink& sink);
+// The same as one part of a shared run; only part 0 touches the sink and prints
+// progress lines.
+bool computeAndWrite(Model& model, const RunOptions& options, RowSink& sink, RayShare* share);
 
 // Rewrites the progress file with "<percent>\n." and an end of line.
 void writeProgressFile(const std::string& name, int percent);

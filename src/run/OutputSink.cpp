@@ -65,7 +65,7 @@ OutputSink::OutputSink(const std::string& name, bool binary)
 OutputSink::~OutputSink() {
     stream_.reset();  // waits for gzip
     signalGuard_.reset();
-    if (!committed_ && !partial_.empty()) std::remove(partial_.c_str());
+    if (!committed_ && !partial_.empty()) removePartialFile(partial_);
 }
 
 bool OutputSink::ok() const { return stream_ && !stream_->fail(); }

@@ -31,6 +31,8 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
         std::cout << "# Using OpenMP with " << options.slotCount << " process" << "es" << "..."
                   << std::endl;
 
+    if (!samplingFromEnvironment(options.sampling)) return false;
+
     std::cout << "# Read parameter section..." << std::endl;
     const SizeSection sizes{size1, size2, size3, size4, dimension};
     const std::unique_ptr<Model> model =

@@ -18,13 +18,6 @@ namespace {
 // so rows are reproducible for a given thread count.
 thread_local uint32_t randomState = 1;
 
-// M v for a row-major 3x3 M; v is taken by value so the result may overwrite it.
-Vec3 multiply(const double M[9], Vec3 v) {
-    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2],
-            M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
-            M[6] * v[0] + M[7] * v[1] + M[8] * v[2]};
-}
-
 }  // namespace
 
 int threadRandom() {
@@ -33,6 +26,13 @@ int threadRandom() {
 }
 
 uint32_t threadRandomState() { return randomState; }
+
+void normaliseRow(SparseRowVector& row, double globArea) {
+    for (int k = 0; k < row.np; ++k) {
+        const int32_t column = row.columnAt(k);
+        row.w[column] /= globArea;
+    }
+}
 
 void setThreadRandomState(uint32_t state) { randomState = state; }
 
@@ -46,23 +46,8 @@ void buildTangentFrame(int32_t dimension, const Vec3& n, Vec3& t1, Vec3& t2) {
     }
     // A random tangent turns the hemicube about the normal for every face, which
     // breaks the aliasing between the regular direction set and regular meshes.
-    // Points of the cube projected onto the tangent plane; short projections are
-    // drawn again since normalising them would magnify rounding. The turn angle is
-    // not uniform, which is harmless. Written as "again while shorter than 0.1" so
-    // that a non-finite normal (a zero-area face) ends after one draw.
-    constexpr double toUnit = 1.0 / 32768;
-    Vec3 v;
-    double length = 0;
-    do {
-        const double u1 = threadRandom() * toUnit;
-        const double u2 = threadRandom() * toUnit;
-        const double u3 = threadRandom() * toUnit;
-        v = Vec3(1 - 2 * u1, 1 - 2 * u2, 1 - 2 * u3);
-        v = v - dot(v, n) * n;
-        length = norm(v);
-    } while (length < 0.1);
-    t2 = Vec3(v[0] / length, v[1] / length, v[2] / length);
-    t1 = cross(t2, n);
+    auto uniform = [] { return threadRandom() * (1.0 / 32768); };
+    drawTangentFrame(n, t1, t2, uniform);
 }
 
 void rotationMatrix(double angle, const Vec3& axis, double M[9]) {
@@ -88,78 +73,22 @@ template <class Trace>
 void computeRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                 const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                 const Trace& trace, SparseRowVector& row) {
-    // The rotation of the last rotational zone crossed, rebuilt only when a ray
-    // crosses a different one: most rays never meet a periodic face at all.
-    int32_t rotationZone = -1;
-    double M[9] = {};
-
+    RotationCache rotation;
+    auto uniform = [] { return threadRandom() * (1.0 / 32768); };
     double globArea = 0;
     for (int32_t p = globs.globFaceStart[glob]; p < globs.globFaceStart[glob + 1]; ++p) {
-        const int32_t face = globs.globFaces[p];
-        const Vec3& areaVector = faces.faceNormal[face];
-        // In axisymmetric runs this is the segment's length, not the revolved area:
-        // the same measure as the rest of the geometry uses.
-        const double area = norm(areaVector);
-        globArea += area;
-        const Vec3 n(areaVector[0] / area, areaVector[1] / area, areaVector[2] / area);
-        const Vec3& origin = faces.faceCentroid[face];
-        Vec3 t1, t2;
-        buildTangentFrame(dimension, n, t1, t2);
+        const FaceFrame frame = faceFrame(dimension, faces, globs.globFaces[p], uniform);
+        globArea += frame.area;
         // A zero-area face emits nothing: every ray would score weight x 0. Its
-        // normal and centroid are 0/0, so its rays are not traced at all. The frame
-        // is still drawn above, keeping the thread's random sequence independent of
-        // which faces are degenerate.
-        if (!(area > 0)) continue;
-
+        // normal and centroid are 0/0, so its rays are not traced at all.
+        if (!emits(frame)) continue;
         for (int k = 0; k < hemisphere.size_; ++k) {
-            Vec3 D = t1 * hemisphere.dirX(k) + t2 * hemisphere.dirY(k) +
-                     n * hemisphere.dirZ(k);
-            Vec3 O = origin;
-            uint8_t bounces = 0;
-            for (;;) {
-                Vec3 hitPoint;
-                int32_t hitFace = -1;
-                if (!trace(O, D, hitPoint, hitFace)) break;  // left the domain: lost
-
-                const int32_t type = faces.faceZoneType[hitFace];
-                if (type == zoneTypeMirror) {
-                    // Reflection about the face plane; dividing by N.N instead of
-                    // normalising N keeps it exact up to rounding.
-                    const Vec3& N = faces.faceNormal[hitFace];
-                    O = hitPoint;
-                    D = D - (2 * dot(N, D) / dot(N, N)) * N;
-                } else if (type == zoneTypePeriodic || type == zoneTypePeriodicShadow) {
-                    // Each zone of a pair carries the transform to its partner.
-                    const int32_t zone = faces.faceZoneIndex[hitFace];
-                    if (zones.periodicType[zone] == 0) {
-                        O = hitPoint + zones.periodicShift[zone];
-                    } else {
-                        if (zone != rotationZone) {
-                            rotationMatrix(zones.periodicAngle[zone],
-                                           zones.periodicAxisB[zone], M);
-                            rotationZone = zone;
-                        }
-                        const Vec3& axisPoint = zones.periodicAxisA[zone];
-                        O = multiply(M, hitPoint - axisPoint) + axisPoint;
-                        D = multiply(M, D);
-                    }
-                } else {
-                    // Walls score; other special zones absorb the ray.
-                    if (type < zoneTypeSpecial)
-                        row.add(faces.faceGlob[hitFace], hemisphere.weight(k) * area);
-                    break;
-                }
-                // A ray trapped between mirrors or periodic pairs would never end;
-                // after maxBounces steps it is dropped without scoring.
-                if (++bounces == maxBounces) break;
-            }
+            const int32_t column =
+                followRay(frame.origin, rayDirection(frame, hemisphere, k), faces, zones, trace, rotation);
+            if (column != noColumn) row.add(column, hemisphere.weight(k) * frame.area);
         }
     }
-
-    for (int k = 0; k < row.np; ++k) {
-        const int32_t column = row.columnAt(k);
-        row.w[column] /= globArea;
-    }
+    normaliseRow(row, globArea);
 }
 
 }  // namespace
