@@ -21,6 +21,12 @@
 
 namespace hemiray {
 
+namespace {
+RowProgressHook rowProgressHook = nullptr;
+}  // namespace
+
+void setRowProgressHook(RowProgressHook hook) { rowProgressHook = hook; }
+
 void writeProgressFile(const std::string& name, int percent) {
     std::ofstream progress(name, std::ios::out | std::ios::trunc);
     progress << percent << "\n." << std::endl;
@@ -167,6 +173,7 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
                 return false;
             }
             reportProgress(run, static_cast<uint64_t>(blockStart), static_cast<uint64_t>(count));
+            if (rowProgressHook) rowProgressHook(blockStart + chunk, count);
         }
     }
 

@@ -34,6 +34,12 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
                      const NodeArray& nodes, const FaceSet& allFaces,
                      FaceSet& participatingFaces, const ZoneTable& zones);
 
+// Called on the writing thread after every block of rows with the rows written so
+// far and the rows in all, for front ends that show progress. None by default;
+// the call is once per block, outside the parallel regions.
+using RowProgressHook = void (*)(int64_t done, int64_t total);
+void setRowProgressHook(RowProgressHook hook);
+
 // Rewrites the progress file with "<percent>\n." and an end of line.
 void writeProgressFile(const std::string& name, int percent);
 

@@ -9,6 +9,11 @@
 
 namespace hemiray {
 
+// The largest hemisphere resolution a run of this dimension accepts. The bound is
+// on directions per face (3 R^2 on the hemicube, 2 R on the planar fan), so planar
+// runs may ask for a far higher resolution than the 2048 of the others.
+[[nodiscard]] int64_t largestHemisphereResolution(int32_t dimension);
+
 // Reads the parameters and the mesh (from input, or from meshData when readFromFile
 // is false), runs the compute-and-write phase and prints the timing lines. Returns
 // false after printing an "error: " line; malformed mesh text ends the process.

@@ -65,6 +65,7 @@ TEST(BlockFromText, OddCornersOfTheTextReadBackAlike) {
     // used twice (4), a face without nodes, zones that do not take part, a glob
     // section whose range comes from the shifted total, one translational and one
     // rotational pair, nodes in 3D and a zone count that differs from the zones.
+    // Then zones paired with themselves.
     const std::string text =
         "(0 quirks)\n(11 12 7 6 3)\n(2 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
         "(10 (1 1 5 1 3)(0 0 0  1 0 0  1 1 0  0 1 0  0.5 0.5 1))\n"
@@ -78,6 +79,10 @@ TEST(BlockFromText, OddCornersOfTheTextReadBackAlike) {
         "(18 (4 12) 0 1.5 -2 0)\n"
         "(18 (13 9) 1 0.25 0 0 0 0 0 1)\n";
     expectBlockMatchesText(text, 3);
+    // A zone paired with itself, translational then rotational: the text readers
+    // leave it the negated transform, and the block must give the same.
+    expectBlockMatchesText(text + "(18 (12 12) 0 1.5 -2 0.25)\n", 3);
+    expectBlockMatchesText(text + "(18 (12 12) 1 0.5 1 2 3 0 0 1)\n", 3);
 }
 
 TEST(BlockFromText, AxisymmetricNodesKeepTwoCoordinates) {
