@@ -159,3 +159,12 @@ endforeach()
 execute_process(COMMAND sh -c "\"$0\" run room.msh -o piped.vf | head -1" ${CLI}
   WORKING_DIRECTORY ${WORK} OUTPUT_QUIET ERROR_VARIABLE err)
 expect_success(check piped.vf)
+# A file size limit (ulimit -f) fails the write; it does not kill the run.
+expect_success(gen room -o mid.msh --n 4 --res 4)
+execute_process(COMMAND bash -c "ulimit -f 100; \"$0\" run mid.msh -o limited.vf" ${CLI}
+  WORKING_DIRECTORY ${WORK} RESULT_VARIABLE status OUTPUT_QUIET ERROR_VARIABLE err)
+if(NOT status EQUAL 1 OR NOT err MATCHES "\nhemiray: the run failed. no result was written\n$"
+   OR EXISTS ${WORK}/limited.vf)
+  message(FATAL_ERROR "under ulimit -f: status ${status}, ${err}")
+endif()
+expect_clean()
