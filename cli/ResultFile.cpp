@@ -145,10 +145,14 @@ bool readTextFile(const std::string& path, bool modelHead, ResultFile& result,
         error = "cannot open " + path;
         return false;
     }
+    return readTextStream(*input, modelHead, result, error);
+}
+
+bool readTextStream(std::istream& input, bool modelHead, ResultFile& result, std::string& error) {
     // Malformed sections end in a message here, not in the end of the process.
     const ScopedInputErrorsThrow throwing;
     try {
-        return readText(*input, modelHead, result, error);
+        return readText(input, modelHead, result, error);
     } catch (const ResultError& e) {
         error = e.what();
     } catch (const InputError& e) {

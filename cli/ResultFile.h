@@ -48,6 +48,8 @@ struct ResultFile {
 // sizes from the file are trusted only as far as the file holds data.
 [[nodiscard]] bool readTextFile(const std::string& path, bool modelHead, ResultFile& result,
                                 std::string& error);
+[[nodiscard]] bool readTextStream(std::istream& input, bool modelHead, ResultFile& result,
+                                  std::string& error);
 
 // The checks without which a model or result cannot be measured: dimension, a glob
 // count that fits the faces, and node numbers within the node array.

@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpstreams-dev libcli11-dev libhdf5-dev hdf5-tools
   gzip ncompress
+  clang libclang-rt-dev libomp-dev
 )
 
 missing=()
