@@ -132,6 +132,8 @@ foreach(refusal
   expect_clean()
 endforeach()
 expect_refusal("unknown command 'foo'" foo)
+expect_refusal("fifo is a pipe" check fifo)
+expect_refusal("empty is empty" check empty)
 # A model is checked as a run would check it.
 expect_refusal("zone 3 is a periodic zone paired with itself" check self.msh)
 expect_success(check room.msh)
