@@ -188,7 +188,10 @@ int superviseRun(const RunRequest& request) {
 
     stopSignal = 0;
     const StopSignalsForwarded forwarding;
-    std::string pattern = (fs::absolute(output).parent_path() / ".hemiray-run-XXXXXX").string();
+    // Beside the file the result will replace (a link's target), so that the final
+    // move is a rename within one file system.
+    const std::string target = resolveReplacementTarget(output);
+    std::string pattern = (fs::absolute(target).parent_path() / ".hemiray-run-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
         std::cerr << "hemiray: cannot create a work folder beside " << output << std::endl;
         return 1;
@@ -261,7 +264,7 @@ int superviseRun(const RunRequest& request) {
         std::cerr << "hemiray: the run failed; " << unchanged << std::endl;
         return 1;
     }
-    if (!publishPartialFile(work, resolveReplacementTarget(output))) {
+    if (!publishPartialFile(work, target)) {
         std::cerr << "hemiray: cannot move the result to " << output << "; " << unchanged
                   << std::endl;
         return 1;

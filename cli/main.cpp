@@ -80,9 +80,11 @@ int runModel(const RunArgs& args) {
     const std::string output = args.output.empty() ? defaultOutputName(args.input) : args.output;
     if (namesCompress(output) && !namesGzip(output))
         return fail("output name " + output + " contains \".Z\", which would be read as compress data");
-    std::error_code ec;
+    std::error_code ec, inputError, outputError;
+    const fs::path inputPath = fs::weakly_canonical(args.input, inputError);
+    const fs::path outputPath = fs::weakly_canonical(output, outputError);
     if (fs::equivalent(args.input, output, ec) ||
-        fs::weakly_canonical(args.input, ec) == fs::weakly_canonical(output, ec))
+        (!inputError && !outputError && inputPath == outputPath))
         return fail(output + " is the input itself; run never replaces its input (choose another -o)");
     if (fs::exists(output) && !args.force) return fail(output + " exists; use --force to replace it");
     if (fs::exists(output) && !fs::is_regular_file(output))
