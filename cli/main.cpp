@@ -107,7 +107,8 @@ int runModel(const RunArgs& args) {
 
 // Packs a text model (plain, .gz or .Z) into a block file for in-memory runs.
 int writeBlock(const std::string& input, const std::string& output, bool force) {
-    if (!fs::exists(input)) return fail("no such file: " + input);
+    const std::string refusal = cli::inputRefusal(input, false);
+    if (!refusal.empty()) return fail(refusal);
     if (fs::exists(output) && !force) return fail(output + " exists; use --force to replace it");
     auto text = openInputSource(input);
     if (text->fail()) return fail("cannot read " + input);

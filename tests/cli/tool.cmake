@@ -133,6 +133,7 @@ foreach(refusal
 endforeach()
 expect_refusal("unknown command 'foo'" foo)
 expect_refusal("fifo is a pipe" check fifo)
+expect_refusal("fifo is a pipe" block fifo -o fifo.blk)
 expect_refusal("empty is empty" check empty)
 # A model is checked as a run would check it.
 expect_refusal("zone 3 is a periodic zone paired with itself" check self.msh)
