@@ -21,6 +21,8 @@ namespace {
 // data the file does not hold. Small datasets are let through whatever they claim.
 constexpr double maxExpansion = 1100.0;
 constexpr double alwaysAllowedBytes = 1 << 20;
+// No number of a result is wider than a double.
+constexpr size_t maxElementBytes = 16;
 
 class Reader {
 public:
@@ -71,6 +73,11 @@ public:
         if (H5Tget_class(type.get()) != wantedClass)
             return fail(what + (wantedClass == H5T_FLOAT ? " is not floating-point"
                                                          : " is not integer"));
+        // The library converts element by element through buffers sized by the
+        // file's type: a damaged type claiming gigabits per element is refused.
+        if (H5Tget_size(type.get()) == 0 || H5Tget_size(type.get()) > maxElementBytes)
+            return fail(what + " has elements of " + std::to_string(H5Tget_size(type.get())) +
+                        " bytes");
         const double elements = double(dims[0]) * double(wantedRank == 2 ? dims[1] : 1);
         const double bytes = elements * sizeof(T);
         if (bytes > alwaysAllowedBytes &&
@@ -123,7 +130,8 @@ private:
         const Hdf5Id space(H5Aget_space(attribute.get()), H5Sclose);
         const Hdf5Id type(H5Aget_type(attribute.get()), H5Tclose);
         if (!space.valid() || !type.valid() || H5Sget_simple_extent_npoints(space.get()) != 1 ||
-            H5Tget_class(type.get()) != typeClass || H5Aread(attribute.get(), memoryType, value) < 0)
+            H5Tget_class(type.get()) != typeClass || H5Tget_size(type.get()) == 0 ||
+            H5Tget_size(type.get()) > maxElementBytes || H5Aread(attribute.get(), memoryType, value) < 0)
             return fail(what + " is not " + kind);
         return true;
     }

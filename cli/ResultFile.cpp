@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <numbers>
+#include <stdexcept>
 #include <unordered_map>
 
 #include "input/MeshSections.h"
@@ -14,66 +16,74 @@ namespace hemiray::cli {
 
 namespace {
 
-bool readRows(std::istream& in, bool binary, ResultFile& result, std::string& error) {
+// Thrown by the row reader; the section reader passes it through.
+class ResultError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Entries are read in slices and the row grows as they arrive, so a row that
+// announces a billion entries costs no more than the bytes the file really holds.
+constexpr int64_t sliceEntries = 1 << 16;
+
+void readRow(std::istream& in, bool binary, int64_t np, SparseRow& row) {
+    if (binary) {
+        char space = 0, newline = 0;
+        in.get(space).get(newline);
+        for (int64_t done = 0; done < np && in; done += sliceEntries) {
+            const auto n = static_cast<size_t>(std::min(sliceEntries, np - done));
+            row.columns.resize(row.columns.size() + n);
+            in.read(reinterpret_cast<char*>(row.columns.data() + row.columns.size() - n),
+                    static_cast<std::streamsize>(n * 4));
+        }
+        std::vector<float> values;
+        for (int64_t done = 0; done < np && in; done += sliceEntries) {
+            const auto n = static_cast<size_t>(std::min(sliceEntries, np - done));
+            values.resize(values.size() + n);
+            in.read(reinterpret_cast<char*>(values.data() + values.size() - n),
+                    static_cast<std::streamsize>(n * 4));
+        }
+        in.get(newline);
+        row.values.assign(values.begin(), values.end());
+    } else {
+        int32_t column = 0;
+        for (int64_t k = 0; k < np && in >> column; ++k) row.columns.push_back(column);
+        double value = 0;
+        for (int64_t k = 0; k < np && in >> value; ++k) row.values.push_back(value);
+    }
+}
+
+// The view-factor section after its id: the list of active globs, then one row
+// each. Leaves the section's own ")" to the section reader.
+void readRows(std::istream& in, bool binary, ResultFile& result) {
     char c = 0;
     int64_t count = -1;
-    if (!(in >> c) || c != '(' || !(in >> count) || count < 0) {
-        error = "malformed row section header";
-        return false;
-    }
+    if (!(in >> c) || c != '(' || !(in >> count) || count < 0)
+        throw ResultError("malformed row section header");
     // The list of active globs is written before the rows, so its length is only
     // trusted as far as the file actually holds entries.
     for (int64_t k = 0; k < count; ++k) {
         int32_t glob = 0;
-        if (!(in >> glob)) {
-            error = "row section header lists fewer globs than announced";
-            return false;
-        }
+        if (!(in >> glob)) throw ResultError("row section header lists fewer globs than announced");
         result.activeGlobs.push_back(glob);
     }
-    if (!(in >> c) || c != ')' || !(in >> c) || c != '(') {
-        error = "malformed row section header";
-        return false;
-    }
+    if (!(in >> c) || c != ')' || !(in >> c) || c != '(')
+        throw ResultError("malformed row section header");
     const int64_t width = std::max<int64_t>(result.sizes.globCount, 0);
     for (size_t r = 0; r < result.activeGlobs.size(); ++r) {
         int64_t np = -1;
-        if (!(in >> np) || np < 0 || np > width) {
-            error = "row " + std::to_string(r) + " is malformed";
-            return false;
-        }
+        if (!(in >> np) || np < 0 || np > width)
+            throw ResultError("row " + std::to_string(r) + " is malformed");
         SparseRow row;
-        row.columns.resize(static_cast<size_t>(np));
-        row.values.resize(static_cast<size_t>(np));
-        if (binary) {
-            std::vector<float> values(static_cast<size_t>(np));
-            char space = 0, newline = 0;
-            in.get(space).get(newline);
-            in.read(reinterpret_cast<char*>(row.columns.data()), np * 4);
-            in.read(reinterpret_cast<char*>(values.data()), np * 4);
-            in.get(newline);
-            std::copy(values.begin(), values.end(), row.values.begin());
-        } else {
-            for (auto& column : row.columns) in >> column;
-            for (auto& value : row.values) in >> value;
-        }
-        if (!in) {
-            error = "row " + std::to_string(r) + " is truncated";
-            return false;
-        }
+        readRow(in, binary, np, row);
+        if (!in) throw ResultError("row " + std::to_string(r) + " is truncated");
         for (int32_t column : row.columns)
-            if (column < 0 || column >= width) {
-                error = "row " + std::to_string(r) + " names glob " + std::to_string(column) +
-                        " outside the glob count";
-                return false;
-            }
+            if (column < 0 || column >= width)
+                throw ResultError("row " + std::to_string(r) + " names glob " +
+                                  std::to_string(column) + " outside the glob count");
         result.rows.push_back(std::move(row));
     }
-    if (!(in >> c) || c != ')' || !(in >> c) || c != ')') {
-        error = "the row section is not closed";
-        return false;
-    }
-    return true;
+    if (!(in >> c) || c != ')') throw ResultError("the row section is not closed");
 }
 
 // The head of a result: its first line is (0 "text") or, with the host's flag,
@@ -86,22 +96,11 @@ bool readResultHead(std::istream& in, SizeSection& sizes) {
     if (first == 0 || first == -1) {
         if (!skipExpression(in) || !(in >> c) || c != '(' || !(in >> first)) return false;
     }
-    sizes.size1 = first;
-    in >> sizes.size2 >> sizes.zoneCount >> sizes.globCount >> sizes.dimension;
-    return in && skipExpression(in);
+    return readSizeValues(in, first, sizes);
 }
 
-}  // namespace
-
-bool readResultFile(const std::string& path, ResultFile& result, std::string& error) {
-    if (isHdf5File(path)) return readHdf5ResultFile(path, result, error);
-    auto input = openInputSource(path);
-    if (input->fail()) {
-        error = "cannot open " + path;
-        return false;
-    }
-    std::istream& in = *input;
-    if (!readResultHead(in, result.sizes)) {
+bool readText(std::istream& in, bool modelHead, ResultFile& result, std::string& error) {
+    if (!(modelHead ? readSizeSection(in, result.sizes) : readResultHead(in, result.sizes))) {
         error = "malformed size section";
         return false;
     }
@@ -110,46 +109,69 @@ bool readResultFile(const std::string& path, ResultFile& result, std::string& er
         return false;
     }
     const int32_t dimension = result.sizes.dimension;
+    if (dimension < 1 || dimension > 3) {
+        error = "dimension " + std::to_string(dimension) + " is not 1, 2 or 3";
+        return false;
+    }
     result.allFaces.dimension = dimension;
     result.participatingFaces.dimension = dimension;
     bool rowsSeen = false;
-    char c = 0;
-    while (in >> c && c == '(') {
-        int32_t id = -1;
-        in >> id;
-        if (id == 308 || id == 1308) {
-            if (rowsSeen) {
-                error = "more than one row section";
-                return false;
-            }
-            result.binaryRows = id == 1308;
-            if (!readRows(in, id == 1308, result, error)) return false;
-            rowsSeen = true;
-            continue;
-        }
-        switch (id) {
-        case 10: readNodeSection(in, nodeCoordinateCount(dimension), result.nodes); break;
-        case 311: readFaceSection(in, result.allFaces, result.participatingFaces, result.zones); break;
-        case 309: readGlobSection(in, result.allFaces, result.participatingFaces, result.zones); break;
-        case 18: readPeriodicSection(in, result.allFaces, result.zones); break;
-        case 0: break;  // a comment section
-        default:
-            error = "unknown section " + std::to_string(id);
-            return false;
-        }
-        if (!skipExpression(in)) {  // the rest of the section up to its ")"
-            error = "section " + std::to_string(id) + " is not closed";
-            return false;
-        }
-    }
-    if (!rowsSeen) {
-        error = "no view-factor rows (not a result file, or an unfinished one)";
+    const auto rowsAndComments = [&](int32_t id, std::istream& input) {
+        if (id == 0) return true;  // a comment section
+        if (id != 308 && id != 1308) return false;
+        // A model may repeat a text result (the library skips its rows), but no
+        // model reader takes binary rows.
+        if (modelHead && id == 1308)
+            throw ResultError("holds binary view-factor rows: it is a result, not a model "
+                              "(hemiray check reads results)");
+        if (rowsSeen) throw ResultError("more than one row section");
+        result.binaryRows = id == 1308;
+        readRows(input, result.binaryRows, result);
+        rowsSeen = true;
+        return true;
+    };
+    readMeshSections(in, nodeCoordinateCount(dimension), result.nodes, result.allFaces,
+                     result.participatingFaces, result.zones, rowsAndComments);
+    result.hasRows = rowsSeen;
+    return true;
+}
+
+}  // namespace
+
+bool readTextFile(const std::string& path, bool modelHead, ResultFile& result,
+                  std::string& error) {
+    auto input = openInputSource(path);
+    if (input->fail()) {
+        error = "cannot open " + path;
         return false;
     }
-    FaceSet& part = result.participatingFaces;
-    for (size_t i = 0; i < part.faceId.size(); ++i)
-        part.faceGlob[i] = result.allFaces.faceGlob[part.faceId[i]];
-    return true;
+    return readTextStream(*input, modelHead, result, error);
+}
+
+bool readTextStream(std::istream& input, bool modelHead, ResultFile& result, std::string& error) {
+    // Malformed sections end in a message here, not in the end of the process.
+    const ScopedInputErrorsThrow throwing;
+    try {
+        return readText(input, modelHead, result, error);
+    } catch (const ResultError& e) {
+        error = e.what();
+    } catch (const InputError& e) {
+        error = std::string("file i/o error: ") + e.what();
+    }
+    return false;
+}
+
+bool readResultFile(const std::string& path, ResultFile& result, std::string& error) {
+    if (isHdf5File(path)) {
+        if (!readHdf5ResultFile(path, result, error)) return false;
+    } else {
+        if (!readTextFile(path, false, result, error)) return false;
+        if (!result.hasRows) {
+            error = "no view-factor rows (not a result file, or an unfinished one)";
+            return false;
+        }
+    }
+    return checkModelBounds(result, error);
 }
 
 CheckSummary checkResult(ResultFile& result) {

@@ -27,6 +27,7 @@ struct ResultFile {
     ZoneTable zones{0};
     std::vector<int32_t> activeGlobs;
     std::vector<SparseRow> rows;  // one per active glob, in the same order
+    bool hasRows = false;  // a row section was read: a result rather than a model
     bool binaryRows = false;
     bool hdf5 = false;  // read from an HDF5 result
 
@@ -40,6 +41,19 @@ struct ResultFile {
 // malformed mesh sections of a view-factor file end the process like in the
 // library.
 [[nodiscard]] bool readResultFile(const std::string& path, ResultFile& result, std::string& error);
+
+// Reads a model text or a text result with the library's section readers: the
+// size section as the library reads it (modelHead) or with the laxer head of a
+// result, and the rows when there are any. Every malformed input gives a message;
+// sizes from the file are trusted only as far as the file holds data.
+[[nodiscard]] bool readTextFile(const std::string& path, bool modelHead, ResultFile& result,
+                                std::string& error);
+[[nodiscard]] bool readTextStream(std::istream& input, bool modelHead, ResultFile& result,
+                                  std::string& error);
+
+// The checks without which a model or result cannot be measured: dimension, a glob
+// count that fits the faces, and node numbers within the node array.
+[[nodiscard]] bool checkModelBounds(const ResultFile& model, std::string& error);
 
 // True when the file is an HDF5 file, whatever its name.
 [[nodiscard]] bool isHdf5File(const std::string& path);

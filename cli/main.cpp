@@ -3,7 +3,9 @@
 // Argument checks live here; the computation is the library's.
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -12,13 +14,17 @@
 #include <iostream>
 #include <omp.h>
 #include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "Hemisphere"
 #include "ErrorBands.h"
+#include "ModelFile.h"
 #include "MpiLaunch.h"
 #include "Repair.h"
 #include "ResultFile.h"
 #include "RunNames.h"
+#include "SupervisedRun.h"
 #include "hemiray/raytracing.h"
 #include "hemiray/version.h"
 #include "input/MeshBlockPacker.h"
@@ -37,30 +43,6 @@ int fail(const std::string& message) {
     return 1;
 }
 
-// Copies the model text from input to output, decompressing and compressing as the
-// two names ask, so that the library finds under output what its name promises.
-bool copyModel(const std::string& input, const std::string& output, std::string& error) {
-    auto in = openInputSource(input);
-    if (in->fail()) {
-        error = "cannot read " + input;
-        return false;
-    }
-    OutputSink sink(output, false);
-    if (!sink.ok()) {
-        error = "cannot write " + output;
-        return false;
-    }
-    sink.stream() << in->rdbuf();
-    // A write that fails part of the way only stops the copy: the stream flags a
-    // failure only when nothing at all was copied. What is left unread tells.
-    const bool copiedAll = in->rdbuf()->sgetc() == std::char_traits<char>::eof();
-    if (!copiedAll || !sink.commit()) {
-        error = "cannot write " + output;
-        return false;
-    }
-    return true;
-}
-
 struct RunArgs {
     std::string input;
     std::string output;
@@ -72,81 +54,54 @@ struct RunArgs {
     std::string header = "hemiray";
 };
 
-// Reads a packed block file whole. The library trusts a packed block's length
-// field as the number of bytes it may read, so it must match the file.
-bool readBlockFile(const std::string& path, std::vector<std::byte>& block, std::string& error) {
-    std::ifstream in(path, std::ios::binary);
-    std::error_code ec;
-    const auto size = fs::file_size(path, ec);
-    if (!in || ec) {
-        error = "cannot read " + path;
-        return false;
+// An explicit --threads wins; otherwise OMP_NUM_THREADS as OpenMP programs read it
+// (the first entry of a list), otherwise every core.
+int threadCount(int requested) {
+    if (requested > 0) return requested;
+    if (const char* env = std::getenv("OMP_NUM_THREADS")) {
+        char* end = nullptr;
+        const long value = std::strtol(env, &end, 10);
+        if (end != env && (*end == '\0' || *end == ',') && value > 0 && value <= 4096)
+            return static_cast<int>(value);
     }
-    block.resize(static_cast<size_t>(size));
-    in.read(reinterpret_cast<char*>(block.data()), static_cast<std::streamsize>(block.size()));
-    if (!in) {
-        error = "cannot read " + path;
-        return false;
-    }
-    hemiray_block_head head{};
-    if (block.size() >= sizeof head) std::memcpy(&head, block.data(), sizeof head);
-    if (block.size() < sizeof head || head.tag != HEMIRAY_PACKED_TAG) {
-        error = path + " is not a packed block (hemiray block writes one)";
-        return false;
-    }
-    if (head.totalBytes != block.size()) {
-        error = path + " holds " + std::to_string(block.size()) + " bytes, its head says " +
-                std::to_string(head.totalBytes);
-        return false;
-    }
-    return true;
+    return omp_get_num_procs();
 }
 
-int threadCount(int requested) { return requested > 0 ? requested : omp_get_num_procs(); }
-
 int runModel(const RunArgs& args) {
-    if (!fs::exists(args.input)) return fail("no such file: " + args.input);
+    const std::string refusal = cli::inputRefusal(args.input, args.block);
+    if (!refusal.empty()) return fail(refusal);
     const std::string output = args.output.empty() ? defaultOutputName(args.input) : args.output;
     if (namesCompress(output) && !namesGzip(output))
         return fail("output name " + output + " contains \".Z\", which would be read as compress data");
-    std::error_code ec;
-    const bool inPlace = fs::exists(output) && fs::equivalent(args.input, output, ec);
-    if (!inPlace && fs::exists(output) && !args.force)
-        return fail(output + " exists; use --force to replace it");
+    std::error_code ec, inputError, outputError;
+    const fs::path inputPath = fs::weakly_canonical(args.input, inputError);
+    const fs::path outputPath = fs::weakly_canonical(output, outputError);
+    if (fs::equivalent(args.input, output, ec) ||
+        (!inputError && !outputError && inputPath == outputPath))
+        return fail(output + " is the input itself; run never replaces its input (choose another -o)");
+    if (fs::exists(output) && !args.force) return fail(output + " exists; use --force to replace it");
+    if (fs::exists(output) && !fs::is_regular_file(output))
+        return fail(output + " exists and is not a regular file");
     const fs::path folder = fs::absolute(output).parent_path();
     if (!fs::is_directory(folder)) return fail("no such folder: " + folder.string());
 
+    // The model is read and checked here first, so that a fault the library would
+    // end the process on, or abort over mid-run, is one line about zone and face.
+    cli::ResultFile model;
     std::string error;
-    std::vector<std::byte> block;
-    hemiray_direct_block direct{};
-    const void* meshData = nullptr;
-    if (args.block) {
-        if (inPlace) return fail("a block run needs an output name other than the block's");
-        if (!readBlockFile(args.input, block, error)) return fail(error);
-        meshData = block.data();
-        if (args.direct) {
-            direct = directBlockFor(block);
-            meshData = &direct;
-        }
-    } else if (!inPlace && !copyModel(args.input, output, error)) {
-        return fail(error);
-    }
-    const int threads = threadCount(args.threads);
-    omp_set_num_threads(threads);
-    const int ok = raytracing_lib(args.binary, output.c_str(), nullptr, 1, threads,
-                                  args.block ? 0 : 1, meshData, args.header.c_str(), false,
-                                  args.direct, 0);
-    if (ok != 1) {
-        if (!inPlace) fs::remove(output, ec);
-        return 1;
-    }
-    std::cout << "# Result: " << output << std::endl;
-    return 0;
+    if (!cli::readModel(args.input, args.block, model, error)) return fail(args.input + ": " + error);
+    const std::string problem = cli::findModelProblem(model);
+    if (!problem.empty()) return fail(args.input + ": " + problem);
+
+    cli::RunRequest request{args.input, output, threadCount(args.threads), args.binary,
+                            args.block, args.direct, args.header};
+    return cli::superviseRun(request);
 }
 
 // Packs a text model (plain, .gz or .Z) into a block file for in-memory runs.
 int writeBlock(const std::string& input, const std::string& output, bool force) {
-    if (!fs::exists(input)) return fail("no such file: " + input);
+    const std::string refusal = cli::inputRefusal(input, false);
+    if (!refusal.empty()) return fail(refusal);
     if (fs::exists(output) && !force) return fail(output + " exists; use --force to replace it");
     auto text = openInputSource(input);
     if (text->fail()) return fail("cannot read " + input);
@@ -222,17 +177,65 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
               << s.weightedReciprocity << std::defaultfloat << std::endl;
 }
 
-int check(const std::string& path, bool json, bool perGlob) {
-    if (!fs::exists(path)) return fail("no such file: " + path);
-    cli::ResultFile result;
-    std::string error;
-    if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
+// Closure, reciprocity and the sampling-error bands of a result read whole.
+int reportResult(cli::ResultFile& result, const std::string& path, bool json, bool perGlob) {
     const auto summary = cli::checkResult(result);
     cli::BandSummary bands;
+    std::string error;
     if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
     if (json) printJson(summary, result, bands);
     else printTable(summary, result, perGlob), cli::printBands(std::cout, bands, result, perGlob);
     return 0;
+}
+
+int checkResultFile(const std::string& path, bool json, bool perGlob) {
+    cli::ResultFile result;
+    std::string error;
+    if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
+    return reportResult(result, path, json, perGlob);
+}
+
+int checkModel(const cli::ResultFile& model, const std::string& path) {
+    const std::string problem = cli::findModelProblem(model);
+    if (!problem.empty()) return fail(path + ": " + problem);
+    std::cout << path << ": a model of " << model.allFaces.faceCount() << " faces in "
+              << model.zones.zoneCount() << " zones, " << model.sizes.globCount
+              << " globs, dimension " << model.sizes.dimension << ": no faults found" << std::endl;
+    return 0;
+}
+
+// libhdf5 trusts the structures of a file and can crash on a damaged one, so an
+// HDF5 result is read in a child process whose end, however it comes, is told.
+int checkHdf5Isolated(const std::string& path, bool json, bool perGlob) {
+    std::cout.flush();
+    const pid_t pid = fork();
+    if (pid < 0) return fail("cannot start reading " + path);
+    if (pid == 0) {
+        const int status = checkResultFile(path, json, perGlob);
+        std::cout.flush();
+        std::cerr.flush();
+        _exit(status);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return fail(path + ": the HDF5 library failed on it (signal " +
+                std::to_string(WTERMSIG(status)) + "): a damaged HDF5 file");
+}
+
+// A result gets its closure and reciprocity; a model (a text without rows) its
+// faults, the ones a run would refuse.
+int check(const std::string& path, bool json, bool perGlob) {
+    const std::string refusal = cli::fileRefusal(path);
+    if (!refusal.empty()) return fail(refusal);
+    if (cli::isHdf5File(path)) return checkHdf5Isolated(path, json, perGlob);
+    cli::ResultFile result;
+    std::string error;
+    if (!cli::readTextFile(path, false, result, error)) return fail(path + ": " + error);
+    if (!result.hasRows) return checkModel(result, path);
+    if (!cli::checkModelBounds(result, error)) return fail(path + ": " + error);
+    return reportResult(result, path, json, perGlob);
 }
 
 int demo(int n, int resolution) {
@@ -245,7 +248,7 @@ int demo(int n, int resolution) {
     if (!models::makeExample("room", n, resolution, model)) return fail("cannot build the demo model");
     if (!models::writeModelFile(path, model)) return fail("cannot write " + path);
 
-    const int threads = omp_get_num_procs();
+    const int threads = threadCount(0);
     std::cout << "hemiray demo: a 4 x 3 x 2.5 m room with a box obstacle, " << model.faceCount()
               << " faces in " << model.globCount() << " globs, hemisphere resolution "
               << resolution << ", " << threads << " threads\n" << std::endl;
@@ -286,6 +289,10 @@ int demo(int n, int resolution) {
 
 int main(int argc, char** argv) {
     if (const auto status = handOverToMpiRun(argc, argv)) return *status;
+    // A closed standard output or a file size limit makes writes fail instead of
+    // ending the tool before it has cleaned up.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     CLI::App app{"hemiray: radiative view factors by ray tracing"};
     app.set_version_flag("--version", std::string("hemiray ") + HEMIRAY_VERSION_STRING);
     app.require_subcommand(1);
@@ -356,6 +363,10 @@ int main(int argc, char** argv) {
     dem->add_option("--n", demoN, "subdivisions per wall edge (default 4)");
     dem->add_option("--res", demoRes, "hemisphere resolution (default 40)");
 
+    if (argc > 1 && argv[1][0] != '-' &&
+        app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == argv[1]; }).empty())
+        return fail(std::string("unknown command '") + argv[1] +
+                    "' (commands: run, block, gen, check, demo; hemiray --help)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

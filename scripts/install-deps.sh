@@ -9,6 +9,7 @@ packages=(
   libpstreams-dev libcli11-dev libhdf5-dev hdf5-tools
   gzip ncompress
   libopenmpi-dev openmpi-bin
+  clang libclang-rt-dev libomp-dev
 )
 
 missing=()

@@ -13,7 +13,15 @@
  * output; failures go to standard error as one line starting with "error: ".
  * Malformed mesh text, and a malformed in-memory block, is fatal to the whole
  * process: the library prints "file i/o error: <message>" on standard error and
- * calls exit(1).
+ * calls exit(1). So is a wall face whose glob id is at or above the glob count
+ * ("file i/o error: glob id at or above the glob count"), found once the model is
+ * read, before any output is opened.
+ *
+ * Hemisphere resolution R: the cost of a run is the directions each face shoots,
+ * 3 R^2 on the hemicube (3D and axisymmetric runs) and 2 R on the planar fan. A run
+ * takes at most 3 * 2048^2 = 12,582,912 directions per face: R up to 2048 in 3D
+ * and axisymmetric runs, up to 6,291,456 in planar runs. A resolution below 0 or
+ * above the bound fails with "error: hemisphere resolution R is outside 0 to MAX".
  */
 #ifndef HEMIRAY_RAYTRACING_H
 #define HEMIRAY_RAYTRACING_H

@@ -95,10 +95,14 @@ std::vector<std::byte> packMeshBlock(const BlockSizes& sizes, const RunParameter
         pair.zoneId = zones.zoneId[z];
         pair.shadowZoneId = zones.zoneId[zones.periodicShadow[z]];
         pair.periodicType = zones.periodicType[z];
-        pair.angle = zones.periodicAngle[z];
+        // The block carries the pair as the text states it; the reader negates it
+        // for the shadow. A zone that is its own shadow was already negated by
+        // that step when the model was read, so its stored value is turned back.
+        const double sign = zones.periodicShadow[z] == z ? -1.0 : 1.0;
+        pair.angle = sign * zones.periodicAngle[z];
         storeVec3(pair.axisPoint, zones.periodicAxisA[z]);
         storeVec3(pair.axisDirection, zones.periodicAxisB[z]);
-        storeVec3(pair.shift, zones.periodicShift[z]);
+        storeVec3(pair.shift, sign * zones.periodicShift[z]);
         out.append(pair);
     }
     for (int32_t z = 0; z < zones.zoneCount(); ++z) {

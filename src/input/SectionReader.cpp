@@ -66,6 +66,12 @@ void reportInputError(const char* message) {
 
 void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
                       FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones) {
+    readMeshSections(input, dimension, nodes, allFaces, participatingFaces, zones, {});
+}
+
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
+                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones,
+                      const ExtraSectionReader& extra) {
     char c = 0;
     input >> c;
     // A stream that ends, or any character other than "(", where a section could
@@ -73,6 +79,9 @@ void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
     while (input && c == '(') {
         int32_t sectionId = 0;
         input >> sectionId;
+        const bool meshSection = sectionId == sectionNodes || sectionId == sectionFaces ||
+                                 sectionId == sectionGlobs || sectionId == sectionPeriodic;
+        if (extra && !meshSection && extra(sectionId, input)) sectionId = sectionSkipped;
         switch (sectionId) {
             case sectionNodes:
                 readNodeSection(input, dimension, nodes);

@@ -26,6 +26,12 @@
 
 namespace hemiray {
 
+namespace {
+RowProgressHook rowProgressHook = nullptr;
+}  // namespace
+
+void setRowProgressHook(RowProgressHook hook) { rowProgressHook = hook; }
+
 void writeProgressFile(const std::string& name, int percent) {
     std::ofstream progress(name, std::ios::out | std::ios::trunc);
     progress << percent << "\n." << std::endl;
@@ -199,9 +205,11 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         row.clear();
         globArea = 0;
         ++rowsDone;
-        if (!writeFailed && (rowsDone % slots == 0 || rowsDone == count))
+        if (!writeFailed && (rowsDone % slots == 0 || rowsDone == count)) {
             reportProgress(run, static_cast<uint64_t>(rowsDone - 1 - (rowsDone - 1) % slots),
                            static_cast<uint64_t>(count));
+            if (rowProgressHook) rowProgressHook(rowsDone, count);
+        }
     };
     const auto addWindow = [&](const Window& w) {
         for (int64_t i = 0; i < w.faces && !writeFailed; ++i) {

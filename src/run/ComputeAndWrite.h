@@ -68,6 +68,12 @@ bool computeAndWrite(Model& model, const RunOptions& options, RowSink& sink);
 // progress lines.
 bool computeAndWrite(Model& model, const RunOptions& options, RowSink& sink, RayShare* share);
 
+// Called on the writing thread after every block of rows with the rows written so
+// far and the rows in all, for front ends that show progress. None by default;
+// the call is once per block, outside the parallel regions.
+using RowProgressHook = void (*)(int64_t done, int64_t total);
+void setRowProgressHook(RowProgressHook hook);
+
 // Rewrites the progress file with "<percent>\n." and an end of line.
 void writeProgressFile(const std::string& name, int percent);
 

@@ -54,6 +54,10 @@ bool readSizeSection(std::istream& input, SizeSection& sizes) {
         if (!(input >> c) || c != '(') return false;
         input >> first;
     }
+    return readSizeValues(input, first, sizes);
+}
+
+bool readSizeValues(std::istream& input, int32_t first, SizeSection& sizes) {
     sizes.size1 = first;
     input >> sizes.size2 >> sizes.zoneCount >> sizes.globCount >> sizes.dimension;
     return skipExpression(input);

@@ -34,4 +34,8 @@ struct SizeSection {
 // "(0 word)". False when an expected "(" is missing or the section is not closed.
 [[nodiscard]] bool readSizeSection(std::istream& input, SizeSection& sizes);
 
+// The rest of a size section once its "(" and first value are read: the four
+// other values, then everything up to the section's ")".
+[[nodiscard]] bool readSizeValues(std::istream& input, int32_t first, SizeSection& sizes);
+
 }  // namespace hemiray

@@ -11,9 +11,11 @@ namespace hemiray {
 
 namespace {
 
-// Direction counts grow with the square of the resolution: 2048 already means
-// 12.6 million directions per face. Anything above is a typo, not a request.
-constexpr int32_t maxHemisphereResolution = 2048;
+// The cost of a run is its directions per face: 3 R^2 for the hemicube, 2 R for
+// the planar fan. Resolution 2048 on the hemicube (12.6 million directions, 400 MB
+// of direction set) is the most a run may ask for; a planar run may use the
+// resolution that gives as many directions.
+constexpr int64_t maxDirections = int64_t{3} * 2048 * 2048;
 
 // Rows are as wide as the glob count and one is allocated per worker slot, so an
 // absurd count from a damaged size section would allocate gigabytes before the
@@ -26,10 +28,11 @@ bool checkDimensionAndResolution(int32_t dimension, const RunParameters& paramet
                        " in the size section is not 1 (axisymmetric), 2 (planar) or 3");
         return false;
     }
-    if (parameters.hemisphereResolution < 0 ||
-        parameters.hemisphereResolution > maxHemisphereResolution) {
-        reportRunError("hemisphere resolution " + std::to_string(parameters.hemisphereResolution) +
-                       " is outside 0 to " + std::to_string(maxHemisphereResolution));
+    const int32_t resolution = parameters.hemisphereResolution;
+    const int64_t largest = largestHemisphereResolution(dimension);
+    if (resolution < 0 || resolution > largest) {
+        reportRunError("hemisphere resolution " + std::to_string(resolution) +
+                       " is outside 0 to " + std::to_string(largest));
         return false;
     }
     return true;
@@ -51,7 +54,22 @@ bool checkFaceNodes(const FaceSet& faces, size_t nodeCount) {
     return true;
 }
 
+// A ray that ends on a wall scores into the column of the wall's glob, so a glob
+// id at or above the row width cannot be scored. It is a fault of the model text
+// (or block), found as soon as the glob count and the faces are both known, and
+// reported like any other malformed input rather than midway through the rows.
+// Mirror and periodic faces never score; their ids are not used.
+void checkScoringGlobs(const FaceSet& faces, int32_t globCount) {
+    for (int32_t f = 0; f < faces.faceCount(); ++f)
+        if (faces.faceZoneType[f] < zoneTypeSpecial && faces.faceGlob[f] >= globCount)
+            reportInputError("glob id at or above the glob count");
+}
+
 }  // namespace
+
+int64_t largestHemisphereResolution(int32_t dimension) {
+    return dimension == 2 ? maxDirections / 2 : 2048;
+}
 
 Model::Model(const SizeSection& s, int32_t coordinates)
     : sizes(s),
@@ -101,6 +119,7 @@ bool checkModel(const Model& model) {
                        " faces");
         return false;
     }
+    checkScoringGlobs(model.participatingFaces, globCount);
     return checkFaceNodes(model.participatingFaces, model.nodes.size());
 }
 

@@ -33,6 +33,11 @@ struct Model {
 // carry two, like planar ones. A block's node section holds `dimension` of them.
 constexpr int32_t textNodeCoordinates(int32_t dimension) { return dimension == 3 ? 3 : 2; }
 
+// The largest hemisphere resolution a run of this dimension accepts. The bound is
+// on directions per face (3 R^2 on the hemicube, 2 R on the planar fan), so planar
+// runs may ask for a far higher resolution than the 2048 of the others.
+[[nodiscard]] int64_t largestHemisphereResolution(int32_t dimension);
+
 // Reads the parameter section and the mesh sections that follow the size section.
 // Null after an "error: " line (a parameter section that does not parse, a
 // dimension or resolution outside what a run can do, a model that fails
@@ -45,7 +50,8 @@ std::unique_ptr<Model> readBlockModel(const void* meshData, bool directFields);
 
 // The checks a model passes before any geometry is computed from it: the glob
 // count fits the faces, and every participating face names nodes of the node
-// array. False after an "error: " line.
+// array. False after an "error: " line. A wall face whose glob id is at or above
+// the glob count is malformed input and goes to reportInputError.
 [[nodiscard]] bool checkModel(const Model& model);
 
 }  // namespace hemiray

@@ -14,27 +14,29 @@
 namespace hemiray {
 
 // A gzip that dies mid-run (a full disk) would turn our next write into SIGPIPE,
-// which ends the host process. Blocking the signal on this thread, the only one
-// that writes, turns it into a failed write instead; a signal raised meanwhile is
-// consumed before the mask is restored, so the host never sees it.
+// and a file that reaches the size limit (ulimit -f) raises SIGXFSZ; either ends
+// the host process. Blocking both on this thread, the only one that writes, turns
+// them into failed writes instead; a signal raised meanwhile is consumed before
+// the mask is restored, so the host never sees it.
 struct OutputSink::PipeSignalGuard {
-    sigset_t pipeSet{};
+    sigset_t writeSignals{};
     sigset_t previousMask{};
-    bool wasPending = false;
+    sigset_t wasPending{};
 
     PipeSignalGuard() {
-        sigemptyset(&pipeSet);
-        sigaddset(&pipeSet, SIGPIPE);
-        sigset_t pending;
-        sigpending(&pending);
-        wasPending = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &pipeSet, &previousMask);
+        sigemptyset(&writeSignals);
+        sigaddset(&writeSignals, SIGPIPE);
+        sigaddset(&writeSignals, SIGXFSZ);
+        sigpending(&wasPending);
+        pthread_sigmask(SIG_BLOCK, &writeSignals, &previousMask);
     }
     ~PipeSignalGuard() {
-        if (!wasPending) {
-            const timespec zero{0, 0};
-            while (sigtimedwait(&pipeSet, nullptr, &zero) == SIGPIPE) {
-            }
+        sigset_t ours;
+        sigemptyset(&ours);
+        for (const int signal : {SIGPIPE, SIGXFSZ})
+            if (sigismember(&wasPending, signal) != 1) sigaddset(&ours, signal);
+        const timespec zero{0, 0};
+        while (sigtimedwait(&ours, nullptr, &zero) > 0) {
         }
         pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
     }
@@ -46,8 +48,8 @@ OutputSink::OutputSink(const std::string& name, bool binary)
     partial_ = createPartialFile(target_);
     if (partial_.empty()) return;
 
+    signalGuard_ = std::make_unique<PipeSignalGuard>();
     if (isPipe_) {
-        signalGuard_ = std::make_unique<PipeSignalGuard>();
         // The file name reaches the redirection as a positional parameter: the shell
         // expands "$1" without interpreting its characters.
         auto pipe = std::make_unique<redi::opstream>();

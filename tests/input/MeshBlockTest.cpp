@@ -180,13 +180,18 @@ TEST(MeshBlock, BothFamiliesGiveTheModelOfTheText) {
     // used twice (4), a face without nodes, zones that do not take part, a glob
     // section whose range comes from the shifted total, one translational and one
     // rotational pair, and a zone count that differs from the zones.
-    expectBlockMatchesText(
+    const std::string quirks =
         "(0 quirks)\n(11 12 7 6 3)\n(2 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
         "(10 (1 1 5 1 3)(0 0 0  1 0 0  1 1 0  0 1 0  0.5 0.5 1))\n"
         "(311 (4 1 2 1 3)(1 2 3 1 3 4))\n(311 (9 3 1 3 4)())\n"
         "(311 (4 3 4 2012 0)(3 1 2 5 -1))\n(311 (12 5 6 2010 5)(4 1 2 3 4 0))\n"
         "(311 (13 7 7 2007 2)(5 1))\n(309 (4 1 2 1 3)(0 1))\n(309 (12 5 6 0 0)(2 3))\n"
-        "(18 (4 12) 0 1.5 -2 0)\n(18 (13 9) 1 0.25 0 0 0 0 0 1)\n");
+        "(18 (4 12) 0 1.5 -2 0)\n(18 (13 9) 1 0.25 0 0 0 0 0 1)\n";
+    expectBlockMatchesText(quirks);
+    // A zone paired with itself, translational then rotational: the text readers
+    // leave it the negated transform, and the block must give the same.
+    expectBlockMatchesText(quirks + "(18 (12 12) 0 1.5 -2 0.25)\n");
+    expectBlockMatchesText(quirks + "(18 (12 12) 1 0.5 1 2 3 0 0 1)\n");
 }
 
 TEST(MeshBlock, UnreadableSectionsAreReportedByThePacker) {

@@ -85,8 +85,13 @@ TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
         {"(1 0 1 1 4)\n" + params, nullptr,
          "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n" +
              failed},
+        // The bound is on directions: 3 R^2 on the hemicube, 2 R on the planar fan.
         {"(1 0 1 1 2)\n(1 -2 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", read,
-         "error: hemisphere resolution -2 is outside 0 to 2048\n" + failed},
+         "error: hemisphere resolution -2 is outside 0 to 6291456\n" + failed},
+        {"(1 0 1 1 2)\n(1 6291457 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", read,
+         "error: hemisphere resolution 6291457 is outside 0 to 6291456\n" + failed},
+        {"(1 0 1 1 1)\n(1 2049 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)", read,
+         "error: hemisphere resolution 2049 is outside 0 to 2048\n" + failed},
         {"(1 0 1 2000000000 2)\n" + params, read,
          "error: glob count 2000000000 in the size section does not fit 0 faces\n" + failed},
         {"(1 0 1 -1 2)\n" + params, read,
@@ -109,6 +114,24 @@ TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
         EXPECT_EQ(readFile(dir.file("m")), c.text);
         EXPECT_EQ(fileCount(dir.path()), 1u);
     }
+}
+
+// A wall's glob id at or above the glob count is bad input, refused once the model
+// is read, before the result is opened; a mirror's id is never used.
+TEST(EntryPoint, WallGlobIdBeyondTheGlobCountIsBadInput) {
+    ScratchDir dir;
+    const std::string head = "(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
+                             "(10 (1 1 4 1 2)(0 0 1 0 1 1 0 1))";
+    const std::string wall = "(311 (1 1 1 3 2)(1 2))(309 (1 1 1 3 2)(1))";
+    writeFile(dir.file("m"), head + wall);
+    const std::string name = dir.file("m");
+    EXPECT_EXIT(raytracing_lib(0, name.c_str(), nullptr, 0, 1, 1, nullptr, "h", false, false, 0),
+                ::testing::ExitedWithCode(1),
+                "^file i/o error: glob id at or above the glob count\n$");
+    const std::string mirror = "(311 (1 1 1 2007 2)(1 2))(309 (1 1 1 2007 2)(5))"
+                               "(311 (2 2 2 1 2)(3 4))(309 (2 2 2 1 2)(0))";
+    writeFile(dir.file("m"), head + mirror);
+    EXPECT_EQ(runLibrary(dir.file("m")).result, 1);
 }
 
 TEST(EntryPoint, RepeatedCallsPrintTheSameLinesAndWriteTheSameFile) {

@@ -25,27 +25,27 @@
 #include "accuracy/ExactFactors.h"
 #include "repair/GlobAreas.h"
 #include "repair/ViewFactorRepair.h"
-#include "viewfactor/TestMesh.h"
+#include "models/CodeMesh.h"
 
 namespace {
 
 using namespace hemiray;
-using testmesh::TestMesh;
+using models::CodeMesh;
 
 constexpr int facesPerEdge = 64;  // faces along a side (planar, mantle) ...
 constexpr int cubeFacesPerEdge = 8;  // ... and along a cube edge: 64 per side
 constexpr int ringsPerDisc = 8;
 
 struct Study {
-    std::unique_ptr<TestMesh> mesh;
+    std::unique_ptr<CodeMesh> mesh;
     std::vector<std::vector<double>> exact;  // exact[i][j]: F from glob i to glob j
 };
 
 // The cube's sides with inward normals, cut into blocks of k x k faces, one glob
 // per block.
 Study cube(int k) {
-    Study s{std::make_unique<TestMesh>(3), {}};
-    TestMesh& m = *s.mesh;
+    Study s{std::make_unique<CodeMesh>(3), {}};
+    CodeMesh& m = *s.mesh;
     const int32_t wall = m.addZone(1);
     const Vec3 o(0, 0, 0), x(1, 0, 0), y(0, 1, 0), z(0, 0, 1);
     const Vec3 sides[6][3] = {{o, x, y}, {z, y, x}, {o, z, x}, {y, x, z}, {o, y, z}, {x, z, y}};
@@ -81,8 +81,8 @@ Study cube(int k) {
 // The unit square walked clockwise (inward normals), each side cut into 64
 // segments, k consecutive segments per glob.
 Study square(int k) {
-    Study s{std::make_unique<TestMesh>(2), {}};
-    TestMesh& m = *s.mesh;
+    Study s{std::make_unique<CodeMesh>(2), {}};
+    CodeMesh& m = *s.mesh;
     const int32_t wall = m.addZone(1);
     const Vec3 corners[5] = {Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0), Vec3(1, 0, 0), Vec3(0, 0, 0)};
     std::vector<std::pair<Vec3, Vec3>> pieces;
@@ -101,7 +101,7 @@ Study square(int k) {
         s.exact.emplace_back();
         for (size_t j = 0; j < pieces.size(); ++j)
             s.exact.back().push_back(sideOf[i] == sideOf[j] ? 0.0
-                                     : testmesh::crossedStrings(pieces[i].first, pieces[i].second,
+                                     : analytic::crossedStrings(pieces[i].first, pieces[i].second,
                                                                 pieces[j].second, pieces[j].first));
     }
     return s;
@@ -110,8 +110,8 @@ Study square(int k) {
 // A closed cylinder of radius 1 and length 2 about the x axis: the mantle cut into
 // 64 segments, k per glob; each end disc cut into 8 rings, one glob per ring.
 Study cylinder(int k) {
-    Study s{std::make_unique<TestMesh>(1), {}};
-    TestMesh& m = *s.mesh;
+    Study s{std::make_unique<CodeMesh>(1), {}};
+    CodeMesh& m = *s.mesh;
     const int32_t wall = m.addZone(1);
     const double length = 2;
     struct Piece {
@@ -256,7 +256,7 @@ int main(int argc, char** argv) {
             // Cube globs are square blocks of k x k faces.
             const int k = mode == "3d" ? static_cast<int>(std::lround(std::sqrt(size))) : size;
             Study s = mode == "3d" ? cube(k) : mode == "planar" ? square(k) : cylinder(k);
-            TestMesh& m = *s.mesh;
+            CodeMesh& m = *s.mesh;
             const int32_t n = m.globCount();
             // The exact factors close every row: a check of the formulas above.
             double exactClosure = 0;

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <numbers>
 
-#include "viewfactor/AnalyticViewFactors.h"
+#include "validate/AnalyticViewFactors.h"
 
 namespace hemiray::accuracy {
 
@@ -92,7 +92,7 @@ inline double rectangleFactor(const Rectangle& a, const Rectangle& b) {
 
 // Closed cylinder of radius 1 along x: f(h) is the factor between its two cross
 // sections at distance h (1 at h = 0).
-inline double crossSections(double h) { return h <= 0 ? 1.0 : testmesh::coaxialDisks(1, 1, h); }
+inline double crossSections(double h) { return h <= 0 ? 1.0 : analytic::coaxialDisks(1, 1, h); }
 
 // Energy (A F) from the ring r1..r2 of a cross section through the coaxial disc of
 // radius a at distance h; everything passes at h = 0.
@@ -100,7 +100,7 @@ inline double ringThroughDisc(double r1, double r2, double a, double h) {
     auto disc = [&](double r) {
         if (r <= 0) return 0.0;
         if (h <= 0) return std::numbers::pi * r * r;
-        return std::numbers::pi * r * r * std::min(1.0, testmesh::coaxialDisks(r, a, h));
+        return std::numbers::pi * r * r * std::min(1.0, analytic::coaxialDisks(r, a, h));
     };
     return disc(r2) - disc(r1);
 }
