@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <numbers>
 #include <unordered_map>
 
 #include "geometry/FaceGeometry.h"
@@ -157,16 +156,7 @@ CheckSummary checkResult(ResultFile& result) {
     FaceSet& faces = result.participatingFaces;
     computeFaceGeometry(faces);
     const int32_t globCount = std::max(result.sizes.globCount, 0);
-    std::vector<double> area(static_cast<size_t>(globCount), 0.0);
-    for (int32_t f = 0; f < faces.faceCount(); ++f) {
-        const int32_t g = faces.faceGlob[f];
-        if (g < 0 || g >= globCount) continue;
-        double a = norm(faces.faceNormal[f]);
-        // The library weighs axisymmetric faces by segment length; physical
-        // reciprocity holds for the revolved area 2 pi r L.
-        if (faces.dimension == 1) a *= 2 * std::numbers::pi * std::abs(faces.faceCentroid[f][1]);
-        area[g] += a;
-    }
+    const std::vector<double> area = globSurfaceAreas(faces, globCount);
 
     std::unordered_map<int32_t, size_t> rowOf;
     for (size_t r = 0; r < result.activeGlobs.size(); ++r) rowOf[result.activeGlobs[r]] = r;

@@ -44,6 +44,7 @@ void reportProgress(const RunSetup& run, uint64_t start, uint64_t count) {
 // head sections of a text result. Null after printing the error line.
 std::unique_ptr<Hdf5Delivery> startHdf5Result(const RunSetup& run, const RunParameters& parameters,
                                               const NodeArray& nodes, const FaceSet& allFaces,
+                                              const FaceSet& participatingFaces,
                                               const ZoneTable& zones,
                                               const std::vector<int32_t>& activeGlobs) {
     Hdf5Consumer* consumer = Hdf5Consumer::instance();
@@ -59,6 +60,7 @@ std::unique_ptr<Hdf5Delivery> startHdf5Result(const RunSetup& run, const RunPara
     file.writeNodes(run.nodeCoordinates, nodes);
     file.writeZones(zones);
     file.writeFaces(allFaces);
+    file.writeGlobAreas(globSurfaceAreas(participatingFaces, run.globCount));
     file.beginRows(activeGlobs, run.globCount);
     if (!file.ok()) {
         std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
@@ -97,7 +99,8 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
     std::unique_ptr<OutputSink> sink;
     std::unique_ptr<Hdf5Delivery> hdf5;
     if (run.hdf5Output) {
-        hdf5 = startHdf5Result(run, parameters, nodes, allFaces, zones, activeGlobs);
+        hdf5 = startHdf5Result(run, parameters, nodes, allFaces, participatingFaces, zones,
+                               activeGlobs);
         if (!hdf5) return false;
     } else {
         sink = std::make_unique<OutputSink>(run.outputName, run.binaryOutput);
