@@ -284,7 +284,7 @@ int demo(int n, int resolution) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"hemiray: radiative view factors by ray tracing"};
+    CLI::App app{"hemiray: radiative view factors by ray tracing\nMeshes from Gmsh, STL, OBJ or VTU: python3 -m hemiray import MESH -o MODEL; results for ParaView: python3 -m hemiray export RESULT -o OUT.vtu (docs/python.md)"};
     app.require_subcommand(1);
 
     RunArgs runArgs;
