@@ -16,6 +16,7 @@
 #include "Hemisphere"
 #include "ResultFile.h"
 #include "hemiray/raytracing.h"
+#include "hemiray/version.h"
 #include "input/MeshBlockPacker.h"
 #include "models/ExampleModels.h"
 #include "run/BlockFromText.h"
@@ -285,6 +286,7 @@ int demo(int n, int resolution) {
 
 int main(int argc, char** argv) {
     CLI::App app{"hemiray: radiative view factors by ray tracing\nMeshes from Gmsh, STL, OBJ or VTU: python3 -m hemiray import MESH -o MODEL; results for ParaView: python3 -m hemiray export RESULT -o OUT.vtu (docs/python.md)"};
+    app.set_version_flag("--version", std::string("hemiray ") + HEMIRAY_VERSION_STRING);
     app.require_subcommand(1);
 
     RunArgs runArgs;
@@ -338,6 +340,8 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         // One line, like every other complaint of the tool.

@@ -1,15 +1,14 @@
-// The compiled half of the hemiray Python package: the library's readers, writers
-// and run driver over numpy arrays. A model crosses into Python as a packed
-// in-memory block (bytes), the layout hosts hand to raytracing_lib; every entry
-// point reads it back through the library's own block readers, so a model built in
-// Python is checked exactly as a host's block would be. Malformed input raises
-// (ValueError with the library's message) instead of ending the process.
+// The compiled half of the hemiray Python package: the library's model, readers,
+// writers and run over numpy arrays. A model is the library's own Model, built from
+// arrays through a packed in-memory block (the layout hosts hand to raytracing_lib)
+// and read back by the block readers, so a model made in Python is checked exactly
+// as a host's block would be. Runs feed an in-memory row sink. Malformed input
+// raises ValueError with the library's message instead of ending the process.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
 #include <omp.h>
-#include <stdlib.h>
 
 #include <cstring>
 #include <filesystem>
@@ -24,102 +23,78 @@
 #include "geometry/FaceGeometry.h"
 #include "hemiray/raytracing.h"
 #include "input/MeshBlock.h"
-#include "input/MeshBlockPacker.h"
 #include "input/SectionReader.h"
+#include "output/RowSink.h"
 #include "output/ViewFactorWriter.h"
-#include "run/BlockFromText.h"
+#include "run/ComputeAndWrite.h"
 #include "run/InputSource.h"
+#include "run/Model.h"
 #include "run/OutputSink.h"
-#include "run/RunDriver.h"
+#include "run/RunError.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace py = pybind11;
+using hemiray::Model;
 using namespace hemiray;
 
 namespace {
 
-using Block = std::vector<std::byte>;
 using IntArray = py::array_t<int32_t, py::array::c_style | py::array::forcecast>;
 using DoubleArray = py::array_t<double, py::array::c_style | py::array::forcecast>;
 
 [[noreturn]] void raiseValue(const std::string& message) { throw py::value_error(message); }
 
-// A model read from a block, as a run holds it. Not copyable: the face sets point
-// at the node array.
-struct Model {
-    BlockSizes sizes;
-    RunParameters parameters;
-    NodeArray nodes;
-    FaceSet allFaces{0, nodes};
-    FaceSet participatingFaces{0, nodes};
-    ZoneTable zones{0};
+// While it lives, what the library prints goes here instead of the console:
+// progress lines are dropped unless asked for; "error: " lines are dropped too,
+// their message reaches Python as the exception.
+class QuietConsole {
+public:
+    explicit QuietConsole(bool showProgress)
+        : oldErr_(std::cerr.rdbuf(dropped_.rdbuf())),
+          oldOut_(showProgress ? nullptr : std::cout.rdbuf(dropped_.rdbuf())) {}
+    ~QuietConsole() {
+        std::cerr.rdbuf(oldErr_);
+        if (oldOut_) std::cout.rdbuf(oldOut_);
+    }
+    QuietConsole(const QuietConsole&) = delete;
+    QuietConsole& operator=(const QuietConsole&) = delete;
 
-    Model() = default;
-    Model(const Model&) = delete;
-    Model& operator=(const Model&) = delete;
+private:
+    std::ostringstream dropped_;
+    std::streambuf* oldErr_;
+    std::streambuf* oldOut_;
 };
 
-std::string_view blockBytes(const py::bytes& data) {
-    return static_cast<std::string_view>(data);
+// The console and the OpenMP settings belong to the process: one library call at
+// a time, whichever Python thread makes it.
+std::mutex& libraryLock() {
+    static std::mutex lock;
+    return lock;
 }
 
-hemiray_block_head headOf(std::string_view block) {
-    if (block.size() < sizeof(hemiray_block_head)) raiseValue("mesh block is shorter than its head");
-    hemiray_block_head head;
-    std::memcpy(&head, block.data(), sizeof head);
-    if (head.totalBytes != block.size()) raiseValue("mesh block counts overrun its length");
-    return head;
-}
-
-void checkDimension(int32_t dimension) {
-    // The block's node reader takes a known dimension only; a run refuses any other
-    // with these words before the mesh is read.
-    if (dimension < 1 || dimension > 3)
-        raiseValue("dimension " + std::to_string(dimension) +
-                   " in the size section is not 1 (axisymmetric), 2 (planar) or 3");
-}
-
-// Reads a packed block with the library's readers; bad content raises.
-std::unique_ptr<Model> readModel(std::string_view block) {
-    (void)headOf(block);
-    auto model = std::make_unique<Model>();
+// Runs a reader of the library: malformed input and refused models raise
+// ValueError with the library's message, prefixed with `what` when given.
+template <typename Read>
+std::unique_ptr<Model> readChecked(const std::string& what, Read read) {
+    const std::lock_guard<std::mutex> lock(libraryLock());
+    const QuietConsole quiet(false);
     const ScopedInputErrorsThrow throwing;
+    std::unique_ptr<Model> model;
+    std::string message;
     try {
-        const MeshBlockView view = openPackedBlock(block.data());
-        checkDimension(view.dimension);
-        model->sizes = {view.size1, view.size2, view.zoneCount, view.globCount, view.dimension};
-        copyParameterBlock(view.parameters, model->parameters);
-        model->allFaces = FaceSet(view.dimension, model->nodes);
-        model->participatingFaces = FaceSet(view.dimension, model->nodes);
-        model->zones = ZoneTable(std::max(view.zoneCount, 0));
-        readBlockMesh(view, view.dimension, model->nodes, model->allFaces,
-                      model->participatingFaces, model->zones);
+        model = read();
+        if (!model || !checkModel(*model)) message = lastRunError();
     } catch (const InputError& e) {
-        raiseValue(e.what());
+        message = e.what();
     }
+    if (!message.empty() || !model) raiseValue(what.empty() ? message : what + ": " + message);
     return model;
 }
 
-// The readers give zone k the next max(0, last - first + 1) faces; the packer
-// stops the process on a model where these do not add up, so such a model (from
-// a result file whose headers disagree with their bodies) is refused here.
-py::bytes packModel(const Model& model) {
-    int64_t total = 0;
-    for (int32_t z = 0; z < model.zones.zoneCount(); ++z)
-        total += std::max<int64_t>(int64_t{model.zones.zoneLast[z]} - model.zones.zoneFirst[z] + 1, 0);
-    if (total != model.allFaces.faceCount())
-        raiseValue("the zone headers count " + std::to_string(total) + " faces, the model holds " +
-                   std::to_string(model.allFaces.faceCount()));
-    const Block block =
-        packMeshBlock(model.sizes, model.parameters, model.nodes, model.allFaces, model.zones);
-    return py::bytes(reinterpret_cast<const char*>(block.data()), block.size());
-}
-
 template <typename T, typename Array>
-void appendArray(Block& block, const Array& array) {
-    const auto bytes = static_cast<size_t>(array.size()) * sizeof(T);
+void appendArray(std::vector<std::byte>& block, const Array& array) {
     const auto* data = reinterpret_cast<const std::byte*>(array.data());
-    block.insert(block.end(), data, data + bytes);
+    block.insert(block.end(), data, data + static_cast<size_t>(array.size()) * sizeof(T));
 }
 
 hemiray_parameters parametersFrom(const py::dict& p) {
@@ -142,31 +117,13 @@ hemiray_parameters parametersFrom(const py::dict& p) {
     return host;
 }
 
-py::dict parametersDict(const RunParameters& p) {
-    py::dict d;
-    d["param1"] = p.param1;
-    d["hemisphereResolution"] = p.hemisphereResolution;
-    d["param3"] = p.param3;
-    d["param4"] = p.param4;
-    d["param5"] = p.param5;
-    d["param6"] = p.param6;
-    d["param7"] = p.param7;
-    d["param8"] = p.param8;
-    d["param9"] = p.param9;
-    d["param10"] = p.param10;
-    d["param11"] = p.param11;
-    d["param12"] = p.param12;
-    d["param13"] = p.param13;
-    return d;
-}
-
-// Builds a packed block from arrays and reads it back through the library's
-// readers, which check every count and index; returns the block.
-py::bytes pack(const std::vector<int32_t>& sizes, const py::dict& parameters,
-               const DoubleArray& nodes, const IntArray& zones, const IntArray& faceNodeCounts,
-               const IntArray& faceNodes, const IntArray& faceGlobs, const DoubleArray& periodic) {
+// A model from arrays, through a packed block and the library's block readers,
+// which check every count and index.
+std::unique_ptr<Model> fromArrays(const std::vector<int32_t>& sizes, const py::dict& parameters,
+                                  const DoubleArray& nodes, const IntArray& zones,
+                                  const IntArray& faceNodeCounts, const IntArray& faceNodes,
+                                  const IntArray& faceGlobs, const DoubleArray& periodic) {
     if (sizes.size() != 5) raiseValue("five size values are needed");
-    checkDimension(sizes[4]);
     if (nodes.ndim() != 2 || nodes.shape(1) != 3) raiseValue("nodes must have shape (N, 3)");
     if (zones.ndim() != 2 || zones.shape(1) != 5) raiseValue("zones must have shape (Z, 5)");
     if (periodic.ndim() != 2 || periodic.shape(1) != 15)
@@ -194,12 +151,12 @@ py::bytes pack(const std::vector<int32_t>& sizes, const py::dict& parameters,
     head.totalBytes = HEMIRAY_PACKED_BYTES(head.nodeCount, head.periodicCount, head.faceZoneCount,
                                            head.faceCount, head.faceNodeCount);
 
-    Block block;
+    std::vector<std::byte> block;
     block.reserve(head.totalBytes);
     const auto* headBytes = reinterpret_cast<const std::byte*>(&head);
     block.insert(block.end(), headBytes, headBytes + sizeof head);
     appendArray<double>(block, nodes);
-    auto pairs = periodic.unchecked<2>();
+    const auto pairs = periodic.unchecked<2>();
     for (py::ssize_t p = 0; p < pairs.shape(0); ++p) {
         // zone id, shadow id, type, angle, axis point (3), axis direction (3), shift (3)
         hemiray_periodic_pair pair{};
@@ -220,208 +177,156 @@ py::bytes pack(const std::vector<int32_t>& sizes, const py::dict& parameters,
     appendArray<int32_t>(block, faceNodes);
     appendArray<int32_t>(block, faceGlobs);
     if (block.size() != head.totalBytes) raiseValue("mesh block counts overrun its length");
-
-    const std::string_view view(reinterpret_cast<const char*>(block.data()), block.size());
-    (void)readModel(view);  // raises on anything the library would refuse
-    return py::bytes(view.data(), view.size());
-}
-
-template <typename T>
-py::array_t<T> copyOut(const std::vector<T>& values) {
-    return py::array_t<T>(static_cast<py::ssize_t>(values.size()), values.data());
-}
-
-// The model's arrays for Python, copied out of the block through the readers.
-py::dict unpack(const py::bytes& data) {
-    const auto model = readModel(blockBytes(data));
-    py::dict d;
-    d["sizes"] = std::vector<int32_t>{model->sizes.size1, model->sizes.size2,
-                                      model->sizes.zoneCount, model->sizes.globCount,
-                                      model->sizes.dimension};
-    d["parameters"] = parametersDict(model->parameters);
-    py::array_t<double> nodes({static_cast<py::ssize_t>(model->nodes.size()), py::ssize_t{3}});
-    auto n = nodes.mutable_unchecked<2>();
-    for (size_t i = 0; i < model->nodes.size(); ++i)
-        for (int k = 0; k < 3; ++k) n(static_cast<py::ssize_t>(i), k) = model->nodes[i][k];
-    d["nodes"] = nodes;
-    const FaceSet& faces = model->allFaces;
-    d["face_node_start"] = copyOut(faces.faceNodeStart);
-    d["face_nodes"] = copyOut(faces.faceNodes);
-    d["face_globs"] = copyOut(faces.faceGlob);
-    d["face_zones"] = copyOut(faces.faceZoneIndex);
-    const ZoneTable& z = model->zones;
-    d["zone_ids"] = copyOut(z.zoneId);
-    d["zone_first"] = copyOut(z.zoneFirst);
-    d["zone_last"] = copyOut(z.zoneLast);
-    d["zone_types"] = copyOut(z.zoneType);
-    d["zone_element_types"] = copyOut(z.zoneElementType);
-    py::list pairs;
-    for (int32_t k = 0; k < z.zoneCount(); ++k) {
-        const int32_t s = z.periodicShadow[k];
-        if (s < 0) continue;
-        auto vec = [](const Vec3& v) { return py::make_tuple(v[0], v[1], v[2]); };
-        pairs.append(py::make_tuple(z.zoneId[k], z.zoneId[s], z.periodicType[k],
-                                    z.periodicAngle[k], vec(z.periodicAxisA[k]),
-                                    vec(z.periodicAxisB[k]), vec(z.periodicShift[k])));
-    }
-    d["periodic"] = pairs;
-    return d;
+    return readChecked("", [&] { return readBlockModel(block.data(), false); });
 }
 
 // The text model (plain, or compressed by name) read by the run's own readers.
-py::bytes readModelText(const std::string& path) {
-    if (!std::filesystem::is_regular_file(path)) throw py::value_error("no such file: " + path);
-    Block block;
-    std::string error;
-    {
-        const ScopedInputErrorsThrow throwing;
+std::unique_ptr<Model> readModelFile(const std::string& path) {
+    if (!std::filesystem::is_regular_file(path)) raiseValue("no such file: " + path);
+    return readChecked(path, [&]() -> std::unique_ptr<Model> {
         auto text = openInputSource(path);
-        if (text->fail()) raiseValue("couldn't open input file: " + path);
-        try {
-            if (!packTextModel(*text, block, error)) raiseValue(path + ": " + error);
-        } catch (const InputError& e) {
-            raiseValue(path + ": " + e.what());
+        if (text->fail()) {
+            reportRunError("couldn't open input file: " + path);
+            return nullptr;
         }
-    }
-    return py::bytes(reinterpret_cast<const char*>(block.data()), block.size());
+        SizeSection sizes;
+        if (!readSizeSection(*text, sizes)) {
+            reportRunError("reading size section!");
+            return nullptr;
+        }
+        return readTextModel(*text, sizes);
+    });
 }
 
 // Writes the model in the input syntax with the result writers' head sections
-// (the same bytes a result repeats), except that coordinates keep 17 significant
+// (the sections a result repeats), except that coordinates keep 17 significant
 // digits so that the text reads back to the same doubles.
-void writeModelText(const py::bytes& data, const std::string& path, const std::string& comment) {
-    const auto model = readModel(blockBytes(data));
+void writeModelFile(const Model& model, const std::string& path, const std::string& comment) {
     if (namesCompress(path) && !namesGzip(path))
         raiseValue("the name " + path + " contains \".Z\", which would be read as compress data");
     OutputSink sink(path, false);
     if (!sink.ok()) raiseValue("couldn't open output file: " + path);
     std::ostream& out = sink.stream();
-    const BlockSizes& s = model->sizes;
+    const SizeSection& s = model.sizes;
     writeFileHeader(out, s.size1, s.size2, s.zoneCount, s.globCount, s.dimension, comment.c_str(),
                     false);
-    writeParameterHeader(out, model->parameters);
+    writeParameterHeader(out, model.parameters);
     out.precision(16);
-    writeNodeSection(out, s.dimension == 3 ? 3 : 2, model->nodes);
-    writeFaceSections(out, model->zones, model->allFaces);
-    writeGlobSections(out, model->zones, model->allFaces);
-    writePeriodicSections(out, model->zones);
+    writeNodeSection(out, textNodeCoordinates(s.dimension), model.nodes);
+    writeFaceSections(out, model.zones, model.allFaces);
+    writeGlobSections(out, model.zones, model.allFaces);
+    writePeriodicSections(out, model.zones);
     if (!sink.commit()) raiseValue("couldn't write output file: " + path);
 }
 
-py::array_t<double> globAreas(const py::bytes& data) {
-    const auto model = readModel(blockBytes(data));
-    FaceSet& faces = model->participatingFaces;
-    for (int32_t f = 0; f < faces.faceCount(); ++f)
-        for (int32_t k = faces.faceNodeStart[f]; k < faces.faceNodeStart[f + 1]; ++k)
-            if (faces.faceNodes[k] < 0 || static_cast<size_t>(faces.faceNodes[k]) >= model->nodes.size())
-                raiseValue("node number out of range");
-    computeFaceGeometry(faces);
-    return copyOut(globSurfaceAreas(faces, model->sizes.globCount));
+// A read-only numpy view of a vector of the model; the model outlives it.
+template <typename T>
+py::array_t<T> view(const std::vector<T>& values, const py::object& owner) {
+    py::array_t<T> array(static_cast<py::ssize_t>(values.size()), values.data(), owner);
+    array.attr("setflags")(py::arg("write") = false);
+    return array;
 }
 
-// Rows as numpy CSR arrays, one row per active glob.
-py::dict rowsDict(const std::vector<int32_t>& active, const std::vector<cli::SparseRow>& rows) {
+// A numpy array that takes over the vector without copying it.
+template <typename T>
+py::array_t<T> adopt(std::vector<T>&& values) {
+    auto* owned = new std::vector<T>(std::move(values));
+    const py::capsule release(owned, [](void* p) { delete static_cast<std::vector<T>*>(p); });
+    return py::array_t<T>(static_cast<py::ssize_t>(owned->size()), owned->data(), release);
+}
+
+py::array_t<double> nodeArray(const Model& model) {
+    py::array_t<double> nodes({static_cast<py::ssize_t>(model.nodes.size()), py::ssize_t{3}});
+    auto n = nodes.mutable_unchecked<2>();
+    for (size_t i = 0; i < model.nodes.size(); ++i)
+        for (int k = 0; k < 3; ++k) n(static_cast<py::ssize_t>(i), k) = model.nodes[i][k];
+    return nodes;
+}
+
+py::dict parametersDict(const RunParameters& p) {
+    py::dict d;
+    d["param1"] = p.param1;
+    d["hemisphereResolution"] = p.hemisphereResolution;
+    d["param3"] = p.param3;
+    d["param4"] = p.param4;
+    d["param5"] = p.param5;
+    d["param6"] = p.param6;
+    d["param7"] = p.param7;
+    d["param8"] = p.param8;
+    d["param9"] = p.param9;
+    d["param10"] = p.param10;
+    d["param11"] = p.param11;
+    d["param12"] = p.param12;
+    d["param13"] = p.param13;
+    return d;
+}
+
+py::list periodicPairs(const ZoneTable& z) {
+    py::list pairs;
+    auto vec = [](const Vec3& v) { return py::make_tuple(v[0], v[1], v[2]); };
+    for (int32_t k = 0; k < z.zoneCount(); ++k) {
+        const int32_t s = z.periodicShadow[k];
+        if (s < 0) continue;
+        pairs.append(py::make_tuple(z.zoneId[k], z.zoneId[s], z.periodicType[k],
+                                    z.periodicAngle[k], vec(z.periodicAxisA[k]),
+                                    vec(z.periodicAxisB[k]), vec(z.periodicShift[k])));
+    }
+    return pairs;
+}
+
+// The area of every glob; the model's faces were checked when it was made.
+py::array_t<double> globAreas(Model& model) {
+    computeFaceGeometry(model.participatingFaces);
+    return adopt(globSurfaceAreas(model.participatingFaces, model.sizes.globCount));
+}
+
+py::dict rowArrays(std::vector<int32_t>&& active, std::vector<int64_t>&& rowStart,
+                   std::vector<int32_t>&& columns, std::vector<double>&& values) {
+    py::dict d;
+    d["active"] = adopt(std::move(active));
+    d["row_start"] = adopt(std::move(rowStart));
+    d["columns"] = adopt(std::move(columns));
+    d["values"] = adopt(std::move(values));
+    return d;
+}
+
+// Reads a result (text or binary rows, plain or compressed, or HDF5): the model it
+// repeats, its rows as CSR arrays, and their kind.
+py::tuple readResult(const std::string& path) {
+    if (!std::filesystem::is_regular_file(path)) raiseValue("no such file: " + path);
+    auto result = std::make_unique<cli::ResultFile>();
+    std::string error;
+    auto model = readChecked(path, [&]() -> std::unique_ptr<Model> {
+        if (!cli::readResultFile(path, *result, error)) {
+            reportRunError(error);
+            return nullptr;
+        }
+        if (!checkDimensionAndResolution(result->sizes.dimension, result->parameters)) return nullptr;
+        auto m = std::make_unique<Model>(result->sizes, textNodeCoordinates(result->sizes.dimension));
+        m->parameters = result->parameters;
+        m->nodes = std::move(result->nodes);
+        m->allFaces = std::move(result->allFaces);
+        m->allFaces.nodes = &m->nodes;
+        m->participatingFaces = std::move(result->participatingFaces);
+        m->participatingFaces.nodes = &m->nodes;
+        m->zones = std::move(result->zones);
+        return m;
+    });
     std::vector<int64_t> start{0};
-    size_t entries = 0;
-    for (const auto& row : rows) entries += row.columns.size();
     std::vector<int32_t> columns;
     std::vector<double> values;
-    columns.reserve(entries);
-    values.reserve(entries);
-    for (const auto& row : rows) {
+    for (const auto& row : result->rows) {
         columns.insert(columns.end(), row.columns.begin(), row.columns.end());
         values.insert(values.end(), row.values.begin(), row.values.end());
         start.push_back(static_cast<int64_t>(columns.size()));
     }
-    py::dict d;
-    d["active"] = copyOut(active);
-    d["row_start"] = copyOut(start);
-    d["columns"] = copyOut(columns);
-    d["values"] = copyOut(values);
-    return d;
+    const char* kind = result->hdf5 ? "hdf5" : result->binaryRows ? "binary" : "text";
+    return py::make_tuple(
+        py::cast(std::move(model)),
+        rowArrays(std::move(result->activeGlobs), std::move(start), std::move(columns),
+                  std::move(values)),
+        kind);
 }
-
-// Reads a result (text or binary rows, plain or compressed, or HDF5); returns the
-// model it repeats as a block, its rows and their kind.
-py::tuple readResult(const std::string& path) {
-    if (!std::filesystem::is_regular_file(path)) throw py::value_error("no such file: " + path);
-    cli::ResultFile result;
-    std::string error;
-    bool ok = false;
-    {
-        const ScopedInputErrorsThrow throwing;
-        try {
-            ok = cli::readResultFile(path, result, error);
-        } catch (const InputError& e) {
-            raiseValue(path + ": " + e.what());
-        }
-    }
-    if (!ok) raiseValue(path + ": " + error);
-    checkDimension(result.sizes.dimension);
-    Model model;
-    model.sizes = {result.sizes.size1, result.sizes.size2, result.sizes.zoneCount,
-                   result.sizes.globCount, result.sizes.dimension};
-    model.parameters = result.parameters;
-    model.nodes = result.nodes;
-    model.allFaces = result.allFaces;
-    model.allFaces.nodes = &model.nodes;
-    model.zones = result.zones;
-    const char* kind = result.hdf5 ? "hdf5" : result.binaryRows ? "binary" : "text";
-    return py::make_tuple(packModel(model), rowsDict(result.activeGlobs, result.rows), kind);
-}
-
-// Collects what the library prints while it runs: progress lines are dropped
-// unless asked for, error lines are kept for the exception.
-class ConsoleCapture {
-public:
-    explicit ConsoleCapture(bool showProgress)
-        : oldErr_(std::cerr.rdbuf(errors_.rdbuf())),
-          oldOut_(showProgress ? nullptr : std::cout.rdbuf(progress_.rdbuf())) {}
-    ~ConsoleCapture() {
-        std::cerr.rdbuf(oldErr_);
-        if (oldOut_) std::cout.rdbuf(oldOut_);
-    }
-    ConsoleCapture(const ConsoleCapture&) = delete;
-    ConsoleCapture& operator=(const ConsoleCapture&) = delete;
-
-    // The first error line without its "error: " prefix.
-    std::string firstError() const {
-        std::istringstream lines(errors_.str());
-        std::string line;
-        while (std::getline(lines, line)) {
-            constexpr std::string_view prefix = "error: ";
-            if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
-            if (!line.empty()) return line;
-        }
-        return "couldn't calculate view factors!";
-    }
-
-private:
-    std::ostringstream errors_;
-    std::ostringstream progress_;
-    std::streambuf* oldErr_;
-    std::streambuf* oldOut_;
-};
-
-// A private folder in the temporary directory, removed with everything in it.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "hemiray-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) raiseValue("cannot create a temporary folder");
-        path_ = pattern;
-    }
-    ~TemporaryFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
 
 // Every worker's generator back at its first state, so that a run in this process
 // gives the rows of a fresh process (the tool's) for the same thread count.
@@ -430,60 +335,73 @@ void restartGenerators(int threads) {
     setThreadRandomState(1);
 }
 
-// One run of the library's driver on the block, with the given thread count and,
-// when resolution >= 0, that hemisphere resolution instead of the model's.
-py::dict compute(const py::bytes& data, int threads, int resolution, bool showProgress) {
-    std::string block(blockBytes(data));
-    hemiray_block_head head = headOf(block);
-    if (resolution >= 0) head.parameters.hemisphereResolution = resolution;
-    std::memcpy(block.data(), &head, sizeof head);
+// One run of the library on the model into an in-memory sink, with the given
+// thread count and, when resolution >= 0, that hemisphere resolution instead of
+// the model's own.
+py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
     if (threads < 1) threads = omp_get_num_procs();
-
-    // The console and the OpenMP settings are the process's: one run at a time.
-    static std::mutex oneRunAtATime;
-    const TemporaryFolder folder;
-    const std::string output = (folder.path() / "result.h5").string();
+    CsrRowSink sink;
     bool ok = false;
     std::string message;
     {
         const py::gil_scoped_release released;
-        const std::lock_guard<std::mutex> lock(oneRunAtATime);
-        const int previousThreads = omp_get_max_threads();
-        const ConsoleCapture console(showProgress);
-        const ScopedInputErrorsThrow throwing;
-        omp_set_num_threads(threads);
-        restartGenerators(threads);
-        try {
-            ok = calculateViewFactors(nullptr, output, "", true, false, 0, 0, 0, 0, 0, threads, false,
-                                      block.data(), "hemiray-python", false, false, 0);
-            if (!ok) message = console.firstError();
-        } catch (const InputError& e) {
-            message = e.what();
-        } catch (const std::bad_alloc&) {
-            message = "out of memory";
+        const std::lock_guard<std::mutex> lock(libraryLock());
+        const QuietConsole quiet(showProgress);
+        const RunParameters modelParameters = model.parameters;
+        if (resolution >= 0) model.parameters.hemisphereResolution = resolution;
+        if (checkDimensionAndResolution(model.sizes.dimension, model.parameters)) {
+            const int previousThreads = omp_get_max_threads();
+            omp_set_num_threads(threads);
+            restartGenerators(threads);
+            RunOptions options;
+            options.slotCount = threads;
+            options.numThreads = threads;
+            try {
+                ok = computeAndWrite(model, options, sink);
+            } catch (const std::bad_alloc&) {
+                reportRunError("out of memory");
+            }
+            omp_set_num_threads(previousThreads);
         }
-        omp_set_num_threads(previousThreads);
+        model.parameters = modelParameters;
+        if (!ok) message = lastRunError();
     }
     if (!ok) raiseValue(message);
-
-    cli::ResultFile result;
-    std::string error;
-    if (!cli::readHdf5ResultFile(output, result, error)) raiseValue(error);
-    return rowsDict(result.activeGlobs, result.rows);
+    return rowArrays(std::move(sink.activeGlobs), std::move(sink.rowStart), std::move(sink.columns),
+                     std::move(sink.values));
 }
 
 }  // namespace
 
 PYBIND11_MODULE(_hemiray, m) {
     m.doc() = "The library side of the hemiray package; use the hemiray package itself.";
-    m.def("pack", &pack, py::arg("sizes"), py::arg("parameters"), py::arg("nodes"),
+    py::class_<Model, std::unique_ptr<Model>>(m, "Model")
+        .def_property_readonly("sizes", [](const Model& model) {
+            const SizeSection& s = model.sizes;
+            return std::vector<int32_t>{s.size1, s.size2, s.zoneCount, s.globCount, s.dimension};
+        })
+        .def_property_readonly("parameters", [](const Model& model) { return parametersDict(model.parameters); })
+        .def_property_readonly("nodes", &nodeArray)
+        .def_property_readonly("face_node_start", [](py::object self) {
+            return view(self.cast<const Model&>().allFaces.faceNodeStart, self); })
+        .def_property_readonly("face_nodes", [](py::object self) {
+            return view(self.cast<const Model&>().allFaces.faceNodes, self); })
+        .def_property_readonly("face_globs", [](py::object self) {
+            return view(self.cast<const Model&>().allFaces.faceGlob, self); })
+        .def_property_readonly("face_zones", [](py::object self) {
+            return view(self.cast<const Model&>().allFaces.faceZoneIndex, self); })
+        .def_property_readonly("zone_ids", [](py::object self) {
+            return view(self.cast<const Model&>().zones.zoneId, self); })
+        .def_property_readonly("zone_types", [](py::object self) {
+            return view(self.cast<const Model&>().zones.zoneType, self); })
+        .def_property_readonly("periodic", [](const Model& model) { return periodicPairs(model.zones); });
+    m.def("from_arrays", &fromArrays, py::arg("sizes"), py::arg("parameters"), py::arg("nodes"),
           py::arg("zones"), py::arg("face_node_counts"), py::arg("face_nodes"),
           py::arg("face_globs"), py::arg("periodic"));
-    m.def("unpack", &unpack, py::arg("block"));
-    m.def("read_model", &readModelText, py::arg("path"));
-    m.def("write_model", &writeModelText, py::arg("block"), py::arg("path"), py::arg("comment"));
-    m.def("glob_areas", &globAreas, py::arg("block"));
+    m.def("read_model", &readModelFile, py::arg("path"));
+    m.def("write_model", &writeModelFile, py::arg("model"), py::arg("path"), py::arg("comment"));
+    m.def("glob_areas", &globAreas, py::arg("model"));
     m.def("read_result", &readResult, py::arg("path"));
-    m.def("compute", &compute, py::arg("block"), py::arg("threads"), py::arg("resolution"),
+    m.def("compute", &compute, py::arg("model"), py::arg("threads"), py::arg("resolution"),
           py::arg("progress"));
 }

@@ -170,19 +170,20 @@ class Model:
         params = _default_parameters(resolution)
         if parameters:
             params.update(parameters)
-        block = _hemiray.pack([0, 0, zone_count, glob_count, int(dimension)], params, nodes3,
-                              zones, counts, flat, globs, _periodic_rows(periodic))
-        self._set_block(block)
+        self._adopt(_hemiray.from_arrays([0, 0, zone_count, glob_count, int(dimension)], params,
+                                         nodes3, zones, counts, flat, globs,
+                                         _periodic_rows(periodic)))
 
     @classmethod
-    def _from_block(cls, block):
+    def _wrap(cls, core):
         model = cls.__new__(cls)
-        model._set_block(block)
+        model._adopt(core)
         return model
 
-    def _set_block(self, block):
-        self._block = block
-        self._arrays = _hemiray.unpack(block)
+    def _adopt(self, core):
+        self._core = core  # the library's model; the arrays below are views of it
+        self._sizes = core.sizes
+        self._nodes = None
         self._areas = None
 
     @classmethod
@@ -195,55 +196,60 @@ class Model:
     # The model as the library holds it.
     @property
     def dimension(self):
-        return self._arrays["sizes"][4]
+        return self._sizes[4]
 
     @property
     def glob_count(self):
-        return self._arrays["sizes"][3]
+        return self._sizes[3]
 
     @property
     def resolution(self):
-        return self._arrays["parameters"]["hemisphereResolution"]
+        return self._core.parameters["hemisphereResolution"]
 
     @property
     def parameters(self):
-        return dict(self._arrays["parameters"])
+        """The thirteen run parameters, carried into every result."""
+        return self._core.parameters
 
     @property
     def nodes(self):
         """(N, 3) coordinates; 2D and axisymmetric models have z = 0."""
-        return self._arrays["nodes"]
+        if self._nodes is None:
+            self._nodes = self._core.nodes
+            self._nodes.setflags(write=False)
+        return self._nodes
 
+    # Read-only views of the library's arrays.
     @property
     def face_offsets(self):
         """Face f has the nodes face_nodes[face_offsets[f]:face_offsets[f + 1]]."""
-        return self._arrays["face_node_start"]
+        return self._core.face_node_start
 
     @property
     def face_nodes(self):
-        return self._arrays["face_nodes"]
+        return self._core.face_nodes
 
     @property
     def face_globs(self):
-        return self._arrays["face_globs"]
+        return self._core.face_globs
 
     @property
     def face_zones(self):
         """The zone index of every face."""
-        return self._arrays["face_zones"]
+        return self._core.face_zones
 
     @property
     def zone_ids(self):
-        return self._arrays["zone_ids"]
+        return self._core.zone_ids
 
     @property
     def zone_types(self):
-        return self._arrays["zone_types"]
+        return self._core.zone_types
 
     @property
     def periodic(self):
         """(zone id, shadow id, type, angle, axis point, axis direction, shift) per pair."""
-        return list(self._arrays["periodic"])
+        return self._core.periodic
 
     @property
     def face_count(self):
@@ -253,7 +259,7 @@ class Model:
     def glob_areas(self):
         """The area of every glob (axisymmetric: the revolved area 2 pi r L)."""
         if self._areas is None:
-            self._areas = _hemiray.glob_areas(self._block)
+            self._areas = _hemiray.glob_areas(self._core)
         return self._areas
 
     def write(self, path, comment="hemiray-python"):
@@ -261,7 +267,7 @@ class Model:
         ".gz"), replacing the file only once it is complete."""
         if not comment or any(c.isspace() or c in "()\"" for c in comment):
             raise ValueError("the comment must be one word without parentheses or quotes")
-        _hemiray.write_model(self._block, os.fspath(path), comment)
+        _hemiray.write_model(self._core, os.fspath(path), comment)
 
     def __repr__(self):
         return (f"hemiray.Model(dimension={self.dimension}, nodes={len(self.nodes)}, "
@@ -270,7 +276,7 @@ class Model:
 
 def read_model(path):
     """Reads a text model (plain, .gz through gzip, .Z through zcat)."""
-    return Model._from_block(_hemiray.read_model(os.fspath(path)))
+    return Model._wrap(_hemiray.read_model(os.fspath(path)))
 
 
 class Result:
@@ -355,12 +361,12 @@ def view_factors(model, resolution=None, threads=None, sampling="default", seed=
         raise TypeError("view_factors needs a hemiray.Model")
     if threads is not None and threads < 1:
         raise ValueError("threads must be at least 1")
-    rows = _hemiray.compute(model._block, 0 if threads is None else int(threads),
+    rows = _hemiray.compute(model._core, 0 if threads is None else int(threads),
                             -1 if resolution is None else int(resolution), bool(progress))
     return Result(model, rows)
 
 
 def read_result(path):
     """Reads a result: text or binary rows, plain or compressed, or HDF5."""
-    block, rows, kind = _hemiray.read_result(os.fspath(path))
-    return Result(Model._from_block(block), rows, kind)
+    core, rows, kind = _hemiray.read_result(os.fspath(path))
+    return Result(Model._wrap(core), rows, kind)

@@ -14,9 +14,9 @@
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
 #include "geometry/TraversalTree.h"
-#include "output/Hdf5Consumer.h"
-#include "output/ViewFactorWriter.h"
-#include "run/OutputSink.h"
+#include "output/RowSink.h"
+#include "run/Model.h"
+#include "run/RunError.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray {
@@ -31,7 +31,7 @@ namespace {
 // Prints the 10 % lines that fall on the block that starts at `start`. The test
 // compares the block number with k * count / T / 10 in unsigned integer division,
 // so short runs skip some of the lines.
-void reportProgress(const RunSetup& run, uint64_t start, uint64_t count) {
+void reportProgress(const RunOptions& run, uint64_t start, uint64_t count) {
     const uint64_t slots = static_cast<uint64_t>(run.slotCount);
     for (int k = 1; k <= 9; ++k) {
         if (start / slots + 1 != (k * count / slots) / 10) continue;
@@ -40,33 +40,12 @@ void reportProgress(const RunSetup& run, uint64_t start, uint64_t count) {
     }
 }
 
-// Starts the HDF5 result and delivers the model to it: the same content as the
-// head sections of a text result. Null after printing the error line.
-std::unique_ptr<Hdf5Delivery> startHdf5Result(const RunSetup& run, const RunParameters& parameters,
-                                              const NodeArray& nodes, const FaceSet& allFaces,
-                                              const FaceSet& participatingFaces,
-                                              const ZoneTable& zones,
-                                              const std::vector<int32_t>& activeGlobs) {
-    Hdf5Consumer* consumer = Hdf5Consumer::instance();
-    auto delivery = consumer ? consumer->startResult(run.outputName) : nullptr;
-    if (!delivery) {
-        std::cerr << "error: couldn't open output file: " << run.outputName << std::endl;
-        return nullptr;
-    }
-    Hdf5ResultWriter& file = delivery->writer();
-    file.writeSizes(run.size1, run.size2, run.zoneCount, run.globCount, run.dimension,
-                    run.headerData, run.headerFlag);
-    file.writeParameters(parameters);
-    file.writeNodes(run.nodeCoordinates, nodes);
-    file.writeZones(zones);
-    file.writeFaces(allFaces);
-    file.writeGlobAreas(globSurfaceAreas(participatingFaces, run.globCount));
-    file.beginRows(activeGlobs, run.globCount);
-    if (!file.ok()) {
-        std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
-        return nullptr;
-    }
-    return delivery;
+bool sinkFailed(const RowSink& sink, RowSink::Status status) {
+    if (status == RowSink::Status::Ok) return false;
+    reportRunError(std::string(status == RowSink::Status::CannotOpen ? "couldn't open"
+                                                                     : "couldn't write") +
+                   " output file: " + sink.name());
+    return true;
 }
 
 // How many blocks of `slots` rows one parallel region computes. More blocks per
@@ -84,56 +63,36 @@ int32_t blocksPerParallelRegion(int32_t slots, int32_t globCount, int32_t active
 
 }  // namespace
 
-bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
-                     const NodeArray& nodes, const FaceSet& allFaces,
-                     FaceSet& participatingFaces, const ZoneTable& zones) {
-    GlobTable globs(run.globCount, participatingFaces);
-    computeFaceGeometry(participatingFaces);
+bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink) {
+    const int32_t dimension = model.sizes.dimension;
+    const int32_t globCount = model.sizes.globCount;
+    const FaceSet& faces = model.participatingFaces;
+    GlobTable globs(globCount, model.participatingFaces);
+    computeFaceGeometry(model.participatingFaces);
     placeGlobCentroids(globs);
-    const Hemisphere hemisphere(run.dimension == 2 ? 2 : 3, parameters.hemisphereResolution);
+    const Hemisphere hemisphere(dimension == 2 ? 2 : 3, model.parameters.hemisphereResolution);
 
     std::vector<int32_t> activeGlobs;
     for (int32_t g = 0; g < globs.globCount(); ++g)
         if (globs.globActive[g]) activeGlobs.push_back(g);
 
-    std::unique_ptr<OutputSink> sink;
-    std::unique_ptr<Hdf5Delivery> hdf5;
-    if (run.hdf5Output) {
-        hdf5 = startHdf5Result(run, parameters, nodes, allFaces, participatingFaces, zones,
-                               activeGlobs);
-        if (!hdf5) return false;
-    } else {
-        sink = std::make_unique<OutputSink>(run.outputName, run.binaryOutput);
-        if (!sink->ok()) {
-            std::cerr << "error: couldn't open output file: " << run.outputName << std::endl;
-            return false;
-        }
-        std::ostream& out = sink->stream();
-        writeFileHeader(out, run.size1, run.size2, run.zoneCount, run.globCount, run.dimension,
-                        run.headerData, run.headerFlag);
-        writeParameterHeader(out, parameters);
-        writeNodeSection(out, run.nodeCoordinates, nodes);
-        writeFaceSections(out, zones, allFaces);
-        writeGlobSections(out, zones, allFaces);
-        writePeriodicSections(out, zones);
-        writeRowSectionHeader(out, run.binaryOutput, activeGlobs);
-    }
+    const ResultHead head{model, activeGlobs, run.headerData, run.headerFlag};
+    if (sinkFailed(sink, sink.begin(head))) return false;
 
     std::cout << "# Create BSP tree..." << std::endl;
-    const MeshView mesh{&nodes, &participatingFaces};
+    const MeshView mesh{&model.nodes, &model.participatingFaces};
     // Rays walk the tree's flat copy; the node tree goes once it is copied.
-    const TraversalTree tree(BspNode(run.dimension, &mesh, true));
+    const TraversalTree tree(BspNode(dimension, &mesh, true));
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());
     const int32_t slots = run.slotCount;
-    const int32_t blocksPerBatch = blocksPerParallelRegion(slots, run.globCount, count);
+    const int32_t blocksPerBatch = blocksPerParallelRegion(slots, globCount, count);
     // One row per slot of a batch, allocated once and reused for every batch.
     std::vector<SparseRowVector> rows(static_cast<size_t>(slots) * blocksPerBatch);
-    for (auto& row : rows) row.resize(run.globCount);
+    for (auto& row : rows) row.resize(globCount);
 
-    const int32_t dimension = run.dimension;
-    const FaceSet& faces = participatingFaces;
+    const ZoneTable& zones = model.zones;
     for (int32_t batchStart = 0; batchStart < count; batchStart += slots * blocksPerBatch) {
         const int32_t batchEnd = std::min(count, batchStart + slots * blocksPerBatch);
         // Rows go to threads in blocks of `slots` globs: slot i of every block goes to
@@ -155,35 +114,22 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
                                          faces, globs, zones, tree, rows[blockStart - batchStart + i]);
             }
         }
-        // Written by this thread alone, in list order, whatever the threads' timing.
+        // Handed over by this thread alone, in list order, whatever the threads' timing.
         for (int32_t blockStart = batchStart; blockStart < batchEnd; blockStart += slots) {
             const int32_t chunk = std::min(slots, batchEnd - blockStart);
+            bool taken = true;
             for (int32_t i = 0; i < chunk; ++i) {
                 SparseRowVector& row = rows[blockStart - batchStart + i];
-                if (sink) writeRow(sink->stream(), run.binaryOutput, row);
-                else hdf5->writer().appendRow(row);
+                taken = sink.write(row) && taken;
                 row.clear();
             }
-            // A result that can no longer be written is not worth the remaining rows.
-            if (hdf5 && !hdf5->writer().ok()) {
-                std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
-                return false;
-            }
+            if (!taken) return !sinkFailed(sink, RowSink::Status::CannotWrite);
             reportProgress(run, static_cast<uint64_t>(blockStart), static_cast<uint64_t>(count));
         }
     }
 
-    // The HDF5 result ends without the closing line and the 100 % line.
-    if (hdf5) {
-        if (hdf5->commit()) return true;
-        std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
-        return false;
-    }
-    sink->stream() << "))" << std::endl;
-    if (!sink->commit()) {
-        std::cerr << "error: couldn't write output file: " << run.outputName << std::endl;
-        return false;
-    }
+    if (!sink.finish()) return !sinkFailed(sink, RowSink::Status::CannotWrite);
+    if (!sink.announcesCompletion()) return true;
     std::cout << "#\t100% done!" << std::endl;
     if (!run.progressName.empty()) writeProgressFile(run.progressName, 100);
     return true;

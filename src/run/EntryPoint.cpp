@@ -1,7 +1,6 @@
 // The library's one exported function: chooses the input source, reads the size
 // section and hands the run to the driver. No exception crosses this boundary.
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <new>
 #include <string>
@@ -9,6 +8,7 @@
 #include "hemiray/raytracing.h"
 #include "run/InputSource.h"
 #include "run/RunDriver.h"
+#include "run/RunError.h"
 
 namespace hemiray {
 namespace {
@@ -17,7 +17,7 @@ int runFromHost(int binaryOutput, const char* fileName, int useOpenMP, int numTh
                 int readFromFile, const void* meshData, const char* headerData,
                 bool headerFlag, bool directFields, int reserved) {
     if (fileName == nullptr) {
-        std::cerr << "error: no file name given" << std::endl;
+        reportRunError("no file name given");
         return 0;
     }
     const std::string inputName(fileName);
@@ -29,12 +29,12 @@ int runFromHost(int binaryOutput, const char* fileName, int useOpenMP, int numTh
     if (readFromFile) {
         input = openInputSource(inputName);
         if (input->fail()) {
-            std::cerr << "error: couldn't open input file: " << inputName << std::endl;
+            reportRunError("couldn't open input file: " + inputName);
             return 0;
         }
     }
     if (readFromFile && !readSizeSection(*input, sizes)) {
-        std::cerr << "error: reading size section!" << std::endl;
+        reportRunError("reading size section!");
         return 0;
     }
     if (numThreads < 2) numThreads = 1;
@@ -43,7 +43,7 @@ int runFromHost(int binaryOutput, const char* fileName, int useOpenMP, int numTh
                               binaryOutput != 0, sizes.dimension, sizes.size1, sizes.size2,
                               sizes.zoneCount, sizes.globCount, numThreads, readFromFile != 0,
                               meshData, headerData, headerFlag, directFields, reserved)) {
-        std::cerr << "error: couldn't calculate view factors!" << std::endl;
+        reportRunError("couldn't calculate view factors!");
         return 0;
     }
     return 1;
@@ -60,11 +60,11 @@ extern "C" HEMIRAY_API int raytracing_lib(int binaryOutput, const char* fileName
         return hemiray::runFromHost(binaryOutput, fileName, useOpenMP, numThreads, readFromFile,
                                     meshData, headerData, headerFlag, directFields, reserved);
     } catch (const std::bad_alloc&) {
-        std::cerr << "error: out of memory" << std::endl;
+        hemiray::reportRunError("out of memory");
     } catch (const std::exception& e) {
-        std::cerr << "error: " << e.what() << std::endl;
+        hemiray::reportRunError(e.what());
     } catch (...) {
-        std::cerr << "error: unexpected failure" << std::endl;
+        hemiray::reportRunError("unexpected failure");
     }
     return 0;
 }

@@ -11,7 +11,8 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${WORK}/prefix)
-foreach(installed include/hemiray/raytracing.h bin/hemiray lib/cmake/hemiray/hemirayConfig.cmake)
+foreach(installed include/hemiray/raytracing.h include/hemiray/version.h bin/hemiray
+                  lib/cmake/hemiray/hemirayConfig.cmake lib/pkgconfig/hemiray.pc)
   if(NOT EXISTS ${WORK}/prefix/${installed})
     message(FATAL_ERROR "not installed: ${installed}")
   endif()
@@ -24,3 +25,19 @@ get_filename_component(name ${MODEL} NAME)
 run(${WORK}/host/host ${WORK}/${name})
 # The installed tool runs too.
 run(${WORK}/prefix/bin/hemiray check ${WORK}/${name})
+
+# The tool, the version header and the pkg-config file name one version, and a host
+# built from pkg-config's flags alone links.
+execute_process(COMMAND ${WORK}/prefix/bin/hemiray --version OUTPUT_VARIABLE tool_version)
+file(STRINGS ${WORK}/prefix/lib/pkgconfig/hemiray.pc pc_version REGEX "^Version: ")
+string(REPLACE "Version: " "hemiray " pc_version "${pc_version}")
+string(STRIP "${tool_version}" tool_version)
+if(NOT tool_version STREQUAL pc_version)
+  message(FATAL_ERROR "hemiray --version says '${tool_version}', hemiray.pc '${pc_version}'")
+endif()
+find_program(PKG_CONFIG pkg-config REQUIRED)
+set(ENV{PKG_CONFIG_PATH} ${WORK}/prefix/lib/pkgconfig)
+execute_process(COMMAND ${PKG_CONFIG} --cflags --libs hemiray OUTPUT_VARIABLE pc_flags
+                OUTPUT_STRIP_TRAILING_WHITESPACE)
+separate_arguments(pc_flags UNIX_COMMAND "${pc_flags}")
+run(cc -std=c99 ${HOST_SOURCE} ${pc_flags} -o ${WORK}/host-pkg-config)

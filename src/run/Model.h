@@ -1,0 +1,55 @@
+// A model held in memory: the size values, the thirteen parameters and the surface
+// mesh that the readers fill. Every front end (the C entry point, the tool, Python,
+// distributed runs) reads or builds one of these and hands it to computeAndWrite.
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <memory>
+
+#include "input/MeshModel.h"
+#include "input/ParameterSection.h"
+#include "run/InputSource.h"
+
+namespace hemiray {
+
+struct Model {
+    SizeSection sizes;
+    int32_t nodeCoordinates = 0;  // coordinates per node in the node section
+    RunParameters parameters;
+    NodeArray nodes;
+    FaceSet allFaces;
+    FaceSet participatingFaces;
+    ZoneTable zones;
+
+    // Empty sets for sizes.dimension; the face sets point at this model's nodes, so
+    // a model is never copied or moved.
+    Model(const SizeSection& sizes, int32_t nodeCoordinates);
+    Model(const Model&) = delete;
+    Model& operator=(const Model&) = delete;
+};
+
+// Coordinates per node in the node section of a text model: axisymmetric meshes
+// carry two, like planar ones. A block's node section holds `dimension` of them.
+constexpr int32_t textNodeCoordinates(int32_t dimension) { return dimension == 3 ? 3 : 2; }
+
+// Reads the parameter section and the mesh sections that follow the size section.
+// Null after an "error: " line (a parameter section that does not parse, a
+// dimension or resolution outside what a run can do, a model that fails
+// checkModel); malformed mesh text goes to reportInputError.
+std::unique_ptr<Model> readTextModel(std::istream& input, const SizeSection& sizes);
+
+// The same from an in-memory block (packed, or direct pointers into the host's
+// arrays); a damaged block goes to reportInputError.
+std::unique_ptr<Model> readBlockModel(const void* meshData, bool directFields);
+
+// The dimension is one a run knows and the hemisphere resolution one it can
+// afford. False after an "error: " line.
+[[nodiscard]] bool checkDimensionAndResolution(int32_t dimension, const RunParameters& parameters);
+
+// The checks a model passes before any geometry is computed from it: the glob
+// count fits the faces, and every participating face names nodes of the node
+// array. False after an "error: " line.
+[[nodiscard]] bool checkModel(const Model& model);
+
+}  // namespace hemiray
