@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpstreams-dev libcli11-dev libhdf5-dev hdf5-tools
   gzip ncompress
+  python3-dev pybind11-dev python3-numpy python3-scipy python3-meshio python3-h5py
+  python3-pytest python3-gmsh
 )
 
 missing=()

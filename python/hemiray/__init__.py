@@ -332,7 +332,8 @@ class Result:
 
     def to_vtu(self, path, to_globs=(), **options):
         """Writes the faces with glob, glob area, row sum, reciprocity and the factors
-        to the globs in to_globs as cell data (meshio's VTU writer)."""
+        to the globs in to_globs as cell data (meshio's VTU writer); fields={name:
+        one value per glob} adds more."""
         from .export import write_vtu
         write_vtu(self, path, to_globs=to_globs, **options)
 

@@ -6,10 +6,11 @@ import numpy as np
 VTK_CELL = {2: "line", 3: "triangle", 4: "quad"}
 
 
-def write_vtu(result, path, to_globs=(), binary=True):
+def write_vtu(result, path, to_globs=(), fields=None, binary=True):
     """Writes the faces that belong to a glob. Cell data: glob, zone, glob_area,
-    row_sum and reciprocity (NaN for globs without a row), and F_to_<g>, the
-    factor from the face's glob to glob g, for every g in to_globs."""
+    row_sum and reciprocity (NaN for globs without a row), F_to_<g>, the factor
+    from the face's glob to glob g, for every g in to_globs, and every entry of
+    fields, a name and one value per glob."""
     import meshio
 
     model = result.model
@@ -32,6 +33,12 @@ def write_vtu(result, path, to_globs=(), binary=True):
     columns = result.matrix.tocsc()
     for g in to_globs:
         per_glob[f"F_to_{g}"] = np.where(with_rows, columns[:, g].toarray().ravel(), np.nan)
+
+    for name, values in (fields or {}).items():
+        values = np.asarray(values)
+        if values.shape != (model.glob_count,):
+            raise ValueError(f"field {name} needs one value per glob ({model.glob_count})")
+        per_glob[name] = values
 
     cells, data = [], {name: [] for name in ["zone", *per_glob]}
     for count in np.unique(counts[in_glob]):
