@@ -29,7 +29,8 @@ def write_png(path, image):
     raw = b"".join(b"\0" + image[y].tobytes() for y in range(height))
 
     def chunk(kind, data):
-        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+        crc = zlib.crc32(kind + data)
+        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", crc)
 
     with open(path, "wb") as out:
         out.write(b"\x89PNG\r\n\x1a\n")

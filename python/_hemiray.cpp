@@ -42,7 +42,9 @@ namespace {
 using IntArray = py::array_t<int32_t, py::array::c_style | py::array::forcecast>;
 using DoubleArray = py::array_t<double, py::array::c_style | py::array::forcecast>;
 
-[[noreturn]] void raiseValue(const std::string& message) { throw py::value_error(message); }
+[[noreturn]] void raiseValue(const std::string& message) {
+    throw py::value_error(message);
+}
 
 // While it lives, what the library prints goes here instead of the console:
 // progress lines are dropped unless asked for; "error: " lines are dropped too,
@@ -73,21 +75,24 @@ std::mutex& libraryLock() {
 }
 
 // Runs a reader of the library: malformed input and refused models raise
-// ValueError with the library's message, prefixed with `what` when given.
+// ValueError with the library's message, prefixed with `what` when given;
+// `silentFailure` stands for a reader that gives up without a message.
 template <typename Read>
-std::unique_ptr<Model> readChecked(const std::string& what, Read read) {
+std::unique_ptr<Model> readChecked(const std::string& what, const char* silentFailure, Read read) {
     const std::lock_guard<std::mutex> lock(libraryLock());
     const QuietConsole quiet(false);
     const ScopedInputErrorsThrow throwing;
+    clearRunError();
     std::unique_ptr<Model> model;
     std::string message;
     try {
         model = read();
-        if (!model || !checkModel(*model)) message = lastRunError();
+        if (model && !checkModel(*model)) model.reset();
+        if (!model) message = lastRunError().empty() ? silentFailure : lastRunError();
     } catch (const InputError& e) {
         message = e.what();
     }
-    if (!message.empty() || !model) raiseValue(what.empty() ? message : what + ": " + message);
+    if (!model) raiseValue(what.empty() ? message : what + ": " + message);
     return model;
 }
 
@@ -132,7 +137,8 @@ std::unique_ptr<Model> fromArrays(const std::vector<int32_t>& sizes, const py::d
         raiseValue("one glob per face is needed: " + std::to_string(faceGlobs.size()) +
                    " globs for " + std::to_string(faceNodeCounts.size()) + " faces");
     constexpr auto int32Max = static_cast<py::ssize_t>(INT32_MAX);
-    if (nodes.shape(0) > int32Max || faceNodes.size() > int32Max || faceNodeCounts.size() > int32Max)
+    if (nodes.shape(0) > int32Max || faceNodes.size() > int32Max ||
+        faceNodeCounts.size() > int32Max)
         raiseValue("the model is too large for 32-bit indices");
 
     hemiray_block_head head{};
@@ -177,13 +183,15 @@ std::unique_ptr<Model> fromArrays(const std::vector<int32_t>& sizes, const py::d
     appendArray<int32_t>(block, faceNodes);
     appendArray<int32_t>(block, faceGlobs);
     if (block.size() != head.totalBytes) raiseValue("mesh block counts overrun its length");
-    return readChecked("", [&] { return readBlockModel(block.data(), false); });
+    return readChecked("", "mesh block is unreadable",
+                       [&] { return readBlockModel(block.data(), false); });
 }
 
 // The text model (plain, or compressed by name) read by the run's own readers.
 std::unique_ptr<Model> readModelFile(const std::string& path) {
     if (!std::filesystem::is_regular_file(path)) raiseValue("no such file: " + path);
-    return readChecked(path, [&]() -> std::unique_ptr<Model> {
+    // The parameter reader is the one that gives up without a message.
+    return readChecked(path, "reading parameter section!", [&]() -> std::unique_ptr<Model> {
         auto text = openInputSource(path);
         if (text->fail()) {
             reportRunError("couldn't open input file: " + path);
@@ -267,9 +275,9 @@ py::list periodicPairs(const ZoneTable& z) {
     for (int32_t k = 0; k < z.zoneCount(); ++k) {
         const int32_t s = z.periodicShadow[k];
         if (s < 0) continue;
-        pairs.append(py::make_tuple(z.zoneId[k], z.zoneId[s], z.periodicType[k],
-                                    z.periodicAngle[k], vec(z.periodicAxisA[k]),
-                                    vec(z.periodicAxisB[k]), vec(z.periodicShift[k])));
+        pairs.append(py::make_tuple(z.zoneId[k], z.zoneId[s], z.periodicType[k], z.periodicAngle[k],
+                                    vec(z.periodicAxisA[k]), vec(z.periodicAxisB[k]),
+                                    vec(z.periodicShift[k])));
     }
     return pairs;
 }
@@ -296,13 +304,18 @@ py::tuple readResult(const std::string& path) {
     if (!std::filesystem::is_regular_file(path)) raiseValue("no such file: " + path);
     auto result = std::make_unique<cli::ResultFile>();
     std::string error;
-    auto model = readChecked(path, [&]() -> std::unique_ptr<Model> {
+    auto model = readChecked(path, "not a result", [&]() -> std::unique_ptr<Model> {
         if (!cli::readResultFile(path, *result, error)) {
             reportRunError(error);
             return nullptr;
         }
-        if (!checkDimensionAndResolution(result->sizes.dimension, result->parameters)) return nullptr;
-        auto m = std::make_unique<Model>(result->sizes, textNodeCoordinates(result->sizes.dimension));
+        // A result is read whatever resolution made it; only its geometry needs a
+        // dimension the library knows. A run of the model checks the resolution.
+        RunParameters anyResolution = result->parameters;
+        anyResolution.hemisphereResolution = 0;
+        if (!checkDimensionAndResolution(result->sizes.dimension, anyResolution)) return nullptr;
+        auto m =
+            std::make_unique<Model>(result->sizes, textNodeCoordinates(result->sizes.dimension));
         m->parameters = result->parameters;
         m->nodes = std::move(result->nodes);
         m->allFaces = std::move(result->allFaces);
@@ -321,11 +334,10 @@ py::tuple readResult(const std::string& path) {
         start.push_back(static_cast<int64_t>(columns.size()));
     }
     const char* kind = result->hdf5 ? "hdf5" : result->binaryRows ? "binary" : "text";
-    return py::make_tuple(
-        py::cast(std::move(model)),
-        rowArrays(std::move(result->activeGlobs), std::move(start), std::move(columns),
-                  std::move(values)),
-        kind);
+    return py::make_tuple(py::cast(std::move(model)),
+                          rowArrays(std::move(result->activeGlobs), std::move(start),
+                                    std::move(columns), std::move(values)),
+                          kind);
 }
 
 // Every worker's generator back at its first state, so that a run in this process
@@ -337,10 +349,11 @@ void restartGenerators(int threads) {
 
 // One run of the library on the model into an in-memory sink, with the given
 // thread count and, when resolution >= 0, that hemisphere resolution instead of
-// the model's own.
+// the model's own (set for the run and restored after it).
 py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
     if (threads < 1) threads = omp_get_num_procs();
     CsrRowSink sink;
+    clearRunError();
     bool ok = false;
     std::string message;
     {
@@ -364,7 +377,8 @@ py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
             omp_set_num_threads(previousThreads);
         }
         model.parameters = modelParameters;
-        if (!ok) message = lastRunError();
+        if (!ok)
+            message = lastRunError().empty() ? "couldn't calculate view factors!" : lastRunError();
     }
     if (!ok) raiseValue(message);
     return rowArrays(std::move(sink.activeGlobs), std::move(sink.rowStart), std::move(sink.columns),
@@ -376,25 +390,40 @@ py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
 PYBIND11_MODULE(_hemiray, m) {
     m.doc() = "The library side of the hemiray package; use the hemiray package itself.";
     py::class_<Model, std::unique_ptr<Model>>(m, "Model")
-        .def_property_readonly("sizes", [](const Model& model) {
-            const SizeSection& s = model.sizes;
-            return std::vector<int32_t>{s.size1, s.size2, s.zoneCount, s.globCount, s.dimension};
-        })
-        .def_property_readonly("parameters", [](const Model& model) { return parametersDict(model.parameters); })
+        .def_property_readonly("sizes",
+                               [](const Model& model) {
+                                   const SizeSection& s = model.sizes;
+                                   return std::vector<int32_t>{s.size1, s.size2, s.zoneCount,
+                                                               s.globCount, s.dimension};
+                               })
+        .def_property_readonly("parameters",
+                               [](const Model& model) { return parametersDict(model.parameters); })
         .def_property_readonly("nodes", &nodeArray)
-        .def_property_readonly("face_node_start", [](py::object self) {
-            return view(self.cast<const Model&>().allFaces.faceNodeStart, self); })
-        .def_property_readonly("face_nodes", [](py::object self) {
-            return view(self.cast<const Model&>().allFaces.faceNodes, self); })
-        .def_property_readonly("face_globs", [](py::object self) {
-            return view(self.cast<const Model&>().allFaces.faceGlob, self); })
-        .def_property_readonly("face_zones", [](py::object self) {
-            return view(self.cast<const Model&>().allFaces.faceZoneIndex, self); })
-        .def_property_readonly("zone_ids", [](py::object self) {
-            return view(self.cast<const Model&>().zones.zoneId, self); })
-        .def_property_readonly("zone_types", [](py::object self) {
-            return view(self.cast<const Model&>().zones.zoneType, self); })
-        .def_property_readonly("periodic", [](const Model& model) { return periodicPairs(model.zones); });
+        .def_property_readonly("face_node_start",
+                               [](py::object self) {
+                                   return view(self.cast<const Model&>().allFaces.faceNodeStart,
+                                               self);
+                               })
+        .def_property_readonly("face_nodes",
+                               [](py::object self) {
+                                   return view(self.cast<const Model&>().allFaces.faceNodes, self);
+                               })
+        .def_property_readonly(
+            "face_globs",
+            [](py::object self) { return view(self.cast<const Model&>().allFaces.faceGlob, self); })
+        .def_property_readonly("face_zones",
+                               [](py::object self) {
+                                   return view(self.cast<const Model&>().allFaces.faceZoneIndex,
+                                               self);
+                               })
+        .def_property_readonly(
+            "zone_ids",
+            [](py::object self) { return view(self.cast<const Model&>().zones.zoneId, self); })
+        .def_property_readonly(
+            "zone_types",
+            [](py::object self) { return view(self.cast<const Model&>().zones.zoneType, self); })
+        .def_property_readonly("periodic",
+                               [](const Model& model) { return periodicPairs(model.zones); });
     m.def("from_arrays", &fromArrays, py::arg("sizes"), py::arg("parameters"), py::arg("nodes"),
           py::arg("zones"), py::arg("face_node_counts"), py::arg("face_nodes"),
           py::arg("face_globs"), py::arg("periodic"));

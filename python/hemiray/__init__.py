@@ -47,8 +47,8 @@ def _face_lists(faces):
     if isinstance(faces, tuple) and len(faces) == 2:
         offsets = np.asarray(faces[0], dtype=np.int64)
         indices = np.asarray(faces[1], dtype=np.int32)
-        if offsets.ndim != 1 or offsets.size == 0 or offsets[0] != 0 or offsets[-1] != indices.size \
-                or np.any(np.diff(offsets) < 0):
+        if (offsets.ndim != 1 or offsets.size == 0 or offsets[0] != 0
+                or offsets[-1] != indices.size or np.any(np.diff(offsets) < 0)):
             raise ValueError("face offsets must start at 0, grow and end at the index count")
         return np.diff(offsets).astype(np.int32), indices
     array = faces if isinstance(faces, np.ndarray) else None
@@ -62,7 +62,8 @@ def _face_lists(faces):
             return counts, flat
     array = np.asarray(array)
     if array.ndim != 2:
-        raise ValueError("faces must be an (F, k) array, a list of node lists or (offsets, indices)")
+        raise ValueError("faces must be an (F, k) array, a list of node lists or "
+                         "(offsets, indices)")
     if not np.issubdtype(array.dtype, np.integer):
         raise ValueError("face node indices must be integers")
     counts = np.full(array.shape[0], array.shape[1], dtype=np.int32)

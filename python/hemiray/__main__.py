@@ -75,7 +75,8 @@ def main(argv=None):
                      help="zone type of a part (2007 mirror; default 1, a wall)")
     imp.add_argument("--dimension", type=int, choices=(1, 2, 3),
                      help="1 axisymmetric, 2 planar (segment meshes), 3 (surface meshes)")
-    imp.add_argument("--resolution", type=int, default=20, help="hemisphere resolution (default 20)")
+    imp.add_argument("--resolution", type=int, default=20,
+                     help="hemisphere resolution (default 20)")
     imp.add_argument("--force", action="store_true", help="replace an existing file")
     imp.set_defaults(run=_import)
 

@@ -170,8 +170,10 @@ def orient(parts, points, dimension, flip=False):
 
     # A closed surface inside the box of another one is an obstacle: it is seen from
     # outside. Nesting parity decides which way each closed surface must face.
-    closed = [(members, points[np.concatenate([parts[faces[f][0]].faces[faces[f][1]]
-                                               for f in members])]) for members, c in components if c]
+    def corners(members):
+        return points[np.concatenate([parts[faces[f][0]].faces[faces[f][1]] for f in members])]
+
+    closed = [(members, corners(members)) for members, is_closed in components if is_closed]
     boxes = [(pts.min(axis=0), pts.max(axis=0)) for _, pts in closed]
     for i, (members, _) in enumerate(closed):
         depth = sum(1 for j, (lo, hi) in enumerate(boxes) if j != i

@@ -131,8 +131,10 @@ def test_bad_models_raise_with_the_library_message(tmp_path):
          "hemisphere resolution 4096 is outside"),
         (lambda: hemiray.read_model(tmp_path / "bad.msh"), "unknown sectionId"),
         (lambda: hemiray.read_result(tmp_path / "bad.msh"), "no view-factor rows|unknown"),
+        (lambda: hemiray.read_model(tmp_path / "bad-parameters.msh"), "reading parameter section"),
     ]
     (tmp_path / "bad.msh").write_text("(1 0 1 1 3)\n(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n(77 ())\n")
+    (tmp_path / "bad-parameters.msh").write_text("(1 0 1 1 3)\n(1 8 x)\n")
     for make, message in cases:
         with pytest.raises(ValueError, match=message):
             make()
