@@ -17,6 +17,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "ResultFile.h"
@@ -102,24 +103,37 @@ void appendArray(std::vector<std::byte>& block, const Array& array) {
     block.insert(block.end(), data, data + static_cast<size_t>(array.size()) * sizeof(T));
 }
 
+// Visits the thirteen parameters by name, in the parameter section's order, in a
+// RunParameters or in the host's block, whose fields have the same names.
+template <typename Parameters, typename Visit>
+void forEachParameter(Parameters& p, Visit visit) {
+    visit("param1", p.param1);
+    visit("hemisphereResolution", p.hemisphereResolution);
+    visit("param3", p.param3);
+    visit("param4", p.param4);
+    visit("param5", p.param5);
+    visit("param6", p.param6);
+    visit("param7", p.param7);
+    visit("param8", p.param8);
+    visit("param9", p.param9);
+    visit("param10", p.param10);
+    visit("param11", p.param11);
+    visit("param12", p.param12);
+    visit("param13", p.param13);
+}
+
 hemiray_parameters parametersFrom(const py::dict& p) {
     hemiray_parameters host{};
-    auto integer = [&](const char* name) { return p[name].cast<int32_t>(); };
-    auto real = [&](const char* name) { return p[name].cast<double>(); };
-    host.param1 = integer("param1");
-    host.hemisphereResolution = integer("hemisphereResolution");
-    host.param3 = integer("param3");
-    host.param4 = real("param4");
-    host.param5 = integer("param5");
-    host.param6 = integer("param6");
-    host.param7 = real("param7");
-    host.param8 = integer("param8");
-    host.param9 = integer("param9");
-    host.param10 = real("param10");
-    host.param11 = integer("param11");
-    host.param12 = integer("param12");
-    host.param13 = integer("param13");
+    forEachParameter(host, [&](const char* name, auto& field) {
+        field = p[name].cast<std::decay_t<decltype(field)>>();
+    });
     return host;
+}
+
+py::dict parametersDict(const RunParameters& p) {
+    py::dict d;
+    forEachParameter(p, [&](const char* name, const auto& field) { d[name] = field; });
+    return d;
 }
 
 // A model from arrays, through a packed block and the library's block readers,
@@ -249,24 +263,6 @@ py::array_t<double> nodeArray(const Model& model) {
     for (size_t i = 0; i < model.nodes.size(); ++i)
         for (int k = 0; k < 3; ++k) n(static_cast<py::ssize_t>(i), k) = model.nodes[i][k];
     return nodes;
-}
-
-py::dict parametersDict(const RunParameters& p) {
-    py::dict d;
-    d["param1"] = p.param1;
-    d["hemisphereResolution"] = p.hemisphereResolution;
-    d["param3"] = p.param3;
-    d["param4"] = p.param4;
-    d["param5"] = p.param5;
-    d["param6"] = p.param6;
-    d["param7"] = p.param7;
-    d["param8"] = p.param8;
-    d["param9"] = p.param9;
-    d["param10"] = p.param10;
-    d["param11"] = p.param11;
-    d["param12"] = p.param12;
-    d["param13"] = p.param13;
-    return d;
 }
 
 py::list periodicPairs(const ZoneTable& z) {

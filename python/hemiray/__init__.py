@@ -86,6 +86,10 @@ def _periodic_rows(periodic):
     return rows
 
 
+def _view(name, doc):
+    return property(lambda self: getattr(self._core, name), doc=doc)
+
+
 class Model:
     """A surface mesh model: nodes, faces in zones, the glob of every face and the
     periodic pairs.
@@ -221,36 +225,15 @@ class Model:
         return self._nodes
 
     # Read-only views of the library's arrays.
-    @property
-    def face_offsets(self):
-        """Face f has the nodes face_nodes[face_offsets[f]:face_offsets[f + 1]]."""
-        return self._core.face_node_start
-
-    @property
-    def face_nodes(self):
-        return self._core.face_nodes
-
-    @property
-    def face_globs(self):
-        return self._core.face_globs
-
-    @property
-    def face_zones(self):
-        """The zone index of every face."""
-        return self._core.face_zones
-
-    @property
-    def zone_ids(self):
-        return self._core.zone_ids
-
-    @property
-    def zone_types(self):
-        return self._core.zone_types
-
-    @property
-    def periodic(self):
-        """(zone id, shadow id, type, angle, axis point, axis direction, shift) per pair."""
-        return self._core.periodic
+    face_offsets = _view("face_node_start", "Face f has the nodes "
+                         "face_nodes[face_offsets[f]:face_offsets[f + 1]].")
+    face_nodes = _view("face_nodes", "0-based node indices, face after face.")
+    face_globs = _view("face_globs", "The glob of every face, -1 for none.")
+    face_zones = _view("face_zones", "The zone index of every face.")
+    zone_ids = _view("zone_ids", "The identifier of every zone.")
+    zone_types = _view("zone_types", "The type of every zone.")
+    periodic = _view("periodic", "(zone id, shadow id, type, angle, axis point, axis "
+                     "direction, shift) of every periodic pair.")
 
     @property
     def face_count(self):
