@@ -19,6 +19,13 @@ from . import WALL, Model
 SURFACE_CELLS = {"triangle": 3, "triangle6": 3, "triangle7": 3, "quad": 4, "quad8": 4,
                  "quad9": 4, "polygon": None}
 SEGMENT_CELLS = {"line": 2, "line3": 2}
+# The faces of volume cells, each ordered so that its area vector points out of
+# the cell (VTK's node order, which meshio keeps).
+VOLUME_FACES = {
+    "tetra": [[0, 2, 1], [0, 1, 3], [1, 2, 3], [2, 0, 3]],
+    "hexahedron": [[0, 3, 2, 1], [4, 5, 6, 7], [0, 1, 5, 4], [1, 2, 6, 5], [2, 3, 7, 6],
+                   [3, 0, 4, 7]],
+}
 
 
 class Part:
@@ -50,8 +57,25 @@ def _cell_labels(mesh, block_index, count, dim):
     return labels
 
 
+def _volume_boundary(mesh):
+    """The part "boundary": the faces of volume cells that no other cell shares,
+    turned to face into the volume, the space that radiates."""
+    faces = {}
+    for block in mesh.cells:
+        for local in VOLUME_FACES.get(block.type, []):
+            for face in np.asarray(block.data)[:, local]:
+                key = tuple(sorted(face))
+                faces[key] = None if key in faces else face
+    part = Part("boundary")
+    part.faces = [face[::-1].astype(np.int64) for face in faces.values() if face is not None]
+    return [part]
+
+
 def _collect_parts(mesh, dimension):
-    """Parts from the surface cells (3D) or the segments (planar, axisymmetric)."""
+    """Parts from the surface cells (3D) or the segments (planar, axisymmetric);
+    a mesh of volume cells alone gives its boundary."""
+    if dimension == 3 and not any(block.type in SURFACE_CELLS for block in mesh.cells):
+        return _volume_boundary(mesh)
     wanted = SURFACE_CELLS if dimension == 3 else SEGMENT_CELLS
     parts = {}
     for index, block in enumerate(mesh.cells):
@@ -71,11 +95,11 @@ def _collect_parts(mesh, dimension):
 
 
 def _shape_dimension(mesh):
-    if any(block.type in SURFACE_CELLS for block in mesh.cells):
+    if any(block.type in SURFACE_CELLS or block.type in VOLUME_FACES for block in mesh.cells):
         return 3
     if any(block.type in SEGMENT_CELLS for block in mesh.cells):
         return 2
-    raise ValueError("the mesh holds neither surface faces nor line segments")
+    raise ValueError("the mesh holds no surface faces, tetrahedra, hexahedra or line segments")
 
 
 # Orientation ---------------------------------------------------------------
@@ -273,7 +297,8 @@ def model_from_mesh(mesh, *, glob_per_face=False, flip=False, two_sided=(), subd
     """A hemiray.Model from a meshio.Mesh.
 
     Zones: one per Gmsh physical group or cell set (faces in none form the zone
-    "surface"), all walls unless zone_types {name: type} says otherwise. Globs:
+    "surface"; a mesh of tetrahedra or hexahedra alone gives its boundary as the
+    zone "boundary", facing into the volume), all walls unless zone_types {name: type} says otherwise. Globs:
     one per wall zone, or one per face with glob_per_face, numbered from 0 in zone
     order; every wall face is in a glob. two_sided: names of parts that get a
     reversed copy as a zone (and globs) of their own, "NAME back". subdivide_size:

@@ -65,6 +65,15 @@ def test_stl_orientation_is_checked_and_flipped(tmp_path):
     np.testing.assert_allclose(result.row_sums, 1.0, atol=1e-12)
 
 
+def test_a_volume_mesh_gives_its_boundary_facing_inward():
+    hexes = np.array([[0, 1, 3, 2, 4, 5, 7, 6]])  # the unit cube in VTK's node order
+    model = hemiray.Model.from_meshio(meshio.Mesh(CUBE, [("hexahedron", hexes)]),
+                                      glob_per_face=True)
+    assert model.part_names == ["boundary"] and model.face_count == 6
+    result = hemiray.view_factors(model, resolution=8, threads=1)
+    np.testing.assert_allclose(result.row_sums, 1.0, atol=1e-12)
+
+
 def test_subdivided_cube_gives_the_analytic_factor_of_opposite_walls():
     coarse = hemiray.Model.from_meshio(cube_mesh())
     fine = hemiray.Model.from_meshio(cube_mesh(), subdivide_size=0.125)
