@@ -86,6 +86,12 @@ def test_subdivided_cube_gives_the_analytic_factor_of_opposite_walls():
     assert hemiray.view_factors(coarse, resolution=40, threads=2).matrix[0, top] > 0.23
 
 
+@pytest.mark.parametrize("dimension,area", [(2, 2.0), (1, 2 * np.pi * 1.0 * 2.0)])
+def test_segment_areas_are_lengths_in_the_plane_and_revolved_areas_about_the_axis(dimension, area):
+    model = hemiray.Model([[0.0, 1.0], [2.0, 1.0]], [[0, 1]], dimension=dimension)
+    np.testing.assert_allclose(model.glob_areas, [area], rtol=1e-15)
+
+
 def test_two_sided_plate_is_seen_from_both_sides():
     points = np.array([[0, 0, 0], [1, 0, 0], [1, 1, 0], [0, 1, 0]], float)
     mesh = meshio.Mesh(points, [("quad", np.array([[0, 1, 2, 3]]))], cell_sets={"fin": [[0]]})
