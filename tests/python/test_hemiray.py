@@ -87,7 +87,7 @@ def test_subdivided_cube_gives_the_analytic_factor_of_opposite_walls():
 
 
 @pytest.mark.parametrize("dimension,area", [(2, 2.0), (1, 2 * np.pi * 1.0 * 2.0)])
-def test_segment_areas_are_lengths_in_the_plane_and_revolved_areas_about_the_axis(dimension, area):
+def test_segment_areas_are_lengths_or_revolved_areas(dimension, area):
     model = hemiray.Model([[0.0, 1.0], [2.0, 1.0]], [[0, 1]], dimension=dimension)
     np.testing.assert_allclose(model.glob_areas, [area], rtol=1e-15)
 
