@@ -299,11 +299,14 @@ def model_from_mesh(mesh, *, glob_per_face=False, flip=False, two_sided=(), subd
     Zones: one per Gmsh physical group or cell set (faces in none form the zone
     "surface"; a mesh of tetrahedra or hexahedra alone gives its boundary as the
     zone "boundary", facing into the volume), all walls unless zone_types
-    {name: type} says otherwise. Globs: one per wall zone, or one per face with
-    glob_per_face, numbered from 0 in zone order; every wall face is in a glob. two_sided: names of parts that get a
-    reversed copy as a zone (and globs) of their own, "NAME back". subdivide_size:
-    faces with an edge longer than this are split, the pieces keeping the face's
-    glob. dimension: 3 for surface meshes, 2 (planar) by default for segment
+    {name: type} says otherwise.
+    Globs: one per wall zone, or one per face with glob_per_face, numbered from 0
+    in zone order; every wall face is in a glob.
+    two_sided: names of parts that get a reversed copy as a zone (and globs) of
+    their own, "NAME back".
+    subdivide_size: faces with an edge longer than this are split, the pieces
+    keeping the face's glob.
+    dimension: 3 for surface and volume meshes, 2 (planar) by default for segment
     meshes, 1 for axisymmetric ones (segments in the (x, r) half-plane).
     report: a list that receives one line per orientation problem fixed by flip.
     """
