@@ -41,33 +41,38 @@ def _default_parameters(resolution):
     return parameters
 
 
+def _integral(values):
+    """Flat int32 node indices; anything that would not survive the cast is refused."""
+    if values.size and not np.issubdtype(values.dtype, np.integer):
+        raise ValueError("face node indices must be integers")
+    if values.size and (values.min() < 0 or values.max() >= 2**31):
+        raise ValueError("node number out of range")
+    return values.astype(np.int32).ravel()
+
+
 def _face_lists(faces):
     """Node counts and flat node indices from an (F, k) array, a list of node
     lists, or a pair (offsets, indices) in compressed-row form."""
     if isinstance(faces, tuple) and len(faces) == 2:
         offsets = np.asarray(faces[0], dtype=np.int64)
-        indices = np.asarray(faces[1], dtype=np.int32)
+        indices = _integral(np.asarray(faces[1]))
         if (offsets.ndim != 1 or offsets.size == 0 or offsets[0] != 0
                 or offsets[-1] != indices.size or np.any(np.diff(offsets) < 0)):
             raise ValueError("face offsets must start at 0, grow and end at the index count")
         return np.diff(offsets).astype(np.int32), indices
-    array = faces if isinstance(faces, np.ndarray) else None
-    if array is None:
-        try:
-            array = np.asarray(faces, dtype=np.int32)
-        except ValueError:  # ragged: faces of different node counts
-            lists = [np.asarray(face, dtype=np.int32).ravel() for face in faces]
-            counts = np.array([len(face) for face in lists], dtype=np.int32)
-            flat = np.concatenate(lists) if lists else np.zeros(0, np.int32)
-            return counts, flat
-    array = np.asarray(array)
+    try:
+        array = np.asarray(faces)
+    except ValueError:  # ragged: faces of different node counts
+        lists = [_integral(np.asarray(face)) for face in faces]
+        counts = np.array([len(face) for face in lists], dtype=np.int32)
+        return counts, np.concatenate(lists) if lists else np.zeros(0, np.int32)
+    if array.size == 0:
+        return np.zeros(0, np.int32), np.zeros(0, np.int32)
     if array.ndim != 2:
         raise ValueError("faces must be an (F, k) array, a list of node lists or "
                          "(offsets, indices)")
-    if not np.issubdtype(array.dtype, np.integer):
-        raise ValueError("face node indices must be integers")
-    counts = np.full(array.shape[0], array.shape[1], dtype=np.int32)
-    return counts, np.ascontiguousarray(array, dtype=np.int32).ravel()
+    flat = _integral(array)
+    return np.full(array.shape[0], array.shape[1], dtype=np.int32), flat
 
 
 def _periodic_rows(periodic):
