@@ -306,6 +306,8 @@ class Result:
     def reciprocity(self):
         """Per glob, the largest |A_i F_ij - A_j F_ji| / (A_i F_ij) over its
         partners j that have rows (0 for a glob without any)."""
+        if self._reciprocity is None and self.model.glob_count == 0:
+            self._reciprocity = np.zeros(0)
         if self._reciprocity is None:
             exchanged = self._exchanged()
             exchanged.eliminate_zeros()

@@ -48,5 +48,7 @@ def write_vtu(result, path, to_globs=(), fields=None, binary=True):
         data["zone"].append(model.face_zones[faces])
         for name, values in per_glob.items():
             data[name].append(np.asarray(values)[globs[faces]])
+    if not cells:
+        raise ValueError("no face belongs to a glob: nothing to export")
     mesh = meshio.Mesh(model.nodes, cells, cell_data=data)
     mesh.write(path, file_format="vtu", binary=binary)
