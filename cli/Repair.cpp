@@ -16,7 +16,7 @@
 #include "output/Hdf5Layout.h"
 #include "output/Hdf5ResultWriter.h"
 #include "output/ViewFactorWriter.h"
-#include "repair/GlobAreas.h"
+#include "geometry/FaceGeometry.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
 
@@ -178,7 +178,8 @@ bool namesHdf5(const std::string& name) { return name.find(".h5") != std::string
 bool resultMatrix(ResultFile& result, repair::CsrMatrix& F, std::vector<double>& area,
                   std::vector<uint8_t>& active, std::string& error) {
     const int32_t globCount = std::max(result.sizes.globCount, 0);
-    area = repair::globAreas(result.participatingFaces, globCount);
+    computeFaceGeometry(result.participatingFaces);
+    area = globSurfaceAreas(result.participatingFaces, globCount);
     active.assign(static_cast<size_t>(globCount), 0);
     std::vector<int64_t> rowOf(static_cast<size_t>(globCount), -1);
     for (size_t r = 0; r < result.activeGlobs.size(); ++r) {

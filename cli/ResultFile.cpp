@@ -10,7 +10,7 @@
 
 #include "input/MeshSections.h"
 #include "input/SectionReader.h"
-#include "repair/GlobAreas.h"
+#include "geometry/FaceGeometry.h"
 
 namespace hemiray::cli {
 
@@ -176,7 +176,8 @@ bool readResultFile(const std::string& path, ResultFile& result, std::string& er
 
 CheckSummary checkResult(ResultFile& result) {
     const int32_t globCount = std::max(result.sizes.globCount, 0);
-    const std::vector<double> area = repair::globAreas(result.participatingFaces, globCount);
+    computeFaceGeometry(result.participatingFaces);
+    const std::vector<double> area = globSurfaceAreas(result.participatingFaces, globCount);
 
     std::unordered_map<int32_t, size_t> rowOf;
     for (size_t r = 0; r < result.activeGlobs.size(); ++r) rowOf[result.activeGlobs[r]] = r;

@@ -293,7 +293,10 @@ int main(int argc, char** argv) {
     // ending the tool before it has cleaned up.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    CLI::App app{"hemiray: radiative view factors by ray tracing"};
+    CLI::App app{
+        "hemiray: radiative view factors by ray tracing\n"
+        "Meshes from Gmsh, STL, OBJ or VTU: python3 -m hemiray import MESH -o MODEL; results for "
+        "ParaView: python3 -m hemiray export RESULT -o OUT.vtu (docs/python.md)"};
     app.set_version_flag("--version", std::string("hemiray ") + HEMIRAY_VERSION_STRING);
     app.require_subcommand(1);
 

@@ -10,6 +10,8 @@ packages=(
   gzip ncompress
   libopenmpi-dev openmpi-bin
   clang libclang-rt-dev libomp-dev
+  python3-dev pybind11-dev python3-numpy python3-scipy python3-meshio python3-h5py
+  python3-pytest python3-gmsh
 )
 
 missing=()

@@ -3,6 +3,8 @@
 #include "geometry/FaceGeometry.h"
 
 #include <algorithm>
+#include <cmath>
+#include <numbers>
 
 #include "Check.h"
 
@@ -83,6 +85,22 @@ void computeFaceGeometry(FaceSet& faces) {
         else
             polygonGeometry(faces, begin, end, normal, centroid);
     }
+}
+
+std::vector<double> globSurfaceAreas(const FaceSet& faces, int32_t globCount) {
+    std::vector<double> area(static_cast<size_t>(std::max(globCount, 0)), 0.0);
+    for (int32_t f = 0; f < faces.faceCount(); ++f) {
+        const int32_t g = faces.faceGlob[static_cast<size_t>(f)];
+        if (g < 0 || g >= globCount) continue;
+        double a = norm(faces.faceNormal[static_cast<size_t>(f)]);
+        if (!(a > 0)) continue;  // a face without nodes has no centroid either
+        // The rows weigh axisymmetric faces by segment length alone; the revolved
+        // surface is what exchanges radiation.
+        if (faces.dimension == 1)
+            a *= 2 * std::numbers::pi * std::abs(faces.faceCentroid[static_cast<size_t>(f)][1]);
+        area[static_cast<size_t>(g)] += a;
+    }
+    return area;
 }
 
 GlobTable::GlobTable(int32_t globCount, const FaceSet& faceSet) : faces(&faceSet) {

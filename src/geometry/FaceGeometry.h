@@ -14,6 +14,12 @@ namespace hemiray {
 // Degenerate faces get a zero normal (and in mode 3 a 0/0 centroid); nothing is reported.
 void computeFaceGeometry(FaceSet& faces);
 
+// The surface area of every glob 0..globCount-1, from faces whose geometry has been
+// computed: face areas in 3D, segment lengths in planar runs, and in axisymmetric
+// runs the area 2 pi r L that each segment sweeps about the x axis, the area for
+// which reciprocity A_i F_ij = A_j F_ji holds. Faces outside every glob are left out.
+[[nodiscard]] std::vector<double> globSurfaceAreas(const FaceSet& faces, int32_t globCount);
+
 struct GlobTable {
     const FaceSet* faces = nullptr;       // not owned
     std::vector<int32_t> globFaceStart;   // glob g's faces: globFaces[globFaceStart[g] .. globFaceStart[g+1])

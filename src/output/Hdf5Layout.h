@@ -44,6 +44,9 @@ inline constexpr char periodicAxisA[] = "periodicAxisA";
 inline constexpr char periodicAxisB[] = "periodicAxisB";
 inline constexpr char periodicShift[] = "periodicShift";
 
+// float64 [globCount]: the surface area of every glob (axisymmetric: revolved).
+inline constexpr char globArea[] = "globArea";
+
 // The rows: a compressed-sparse-row matrix with one row per active glob.
 inline constexpr char viewFactors[] = "viewFactors";
 inline constexpr char activeGlobs[] = "activeGlobs";

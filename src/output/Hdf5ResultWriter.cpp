@@ -209,6 +209,11 @@ void Hdf5ResultWriter::writeFaces(const FaceSet& allFaces) {
           writeInts(g, layout::faceZone, allFaces.faceZoneIndex));
 }
 
+void Hdf5ResultWriter::writeGlobAreas(const std::vector<double>& areas) {
+    if (failed_) return;
+    check(writeDoubles(file_.get(), layout::globArea, areas));
+}
+
 void Hdf5ResultWriter::beginRows(const std::vector<int32_t>& activeGlobs, int32_t rowWidth) {
     if (failed_ || !check(!rowsBegun_)) return;
     rowsBegun_ = true;

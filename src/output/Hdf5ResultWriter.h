@@ -41,6 +41,8 @@ public:
     void writeZones(const ZoneTable& zones);
     // allFaces in compressed-row form with glob, face number and zone of each face.
     void writeFaces(const FaceSet& allFaces);
+    // The area of every glob, as globSurfaceAreas measures it.
+    void writeGlobAreas(const std::vector<double>& areas);
 
     // Opens the row matrix: one row per entry of activeGlobs, in that order, each
     // at most rowWidth entries wide. Reserves the row buffers once.

@@ -3,6 +3,7 @@
 
 #include <ostream>
 
+#include "geometry/FaceGeometry.h"
 #include "output/Hdf5Consumer.h"
 #include "output/ViewFactorWriter.h"
 #include "run/InputSource.h"
@@ -75,6 +76,8 @@ public:
         file.writeNodes(model.nodeCoordinates, model.nodes);
         file.writeZones(model.zones);
         file.writeFaces(model.allFaces);
+        // The run has measured the participating faces before it opens its sink.
+        file.writeGlobAreas(globSurfaceAreas(model.participatingFaces, s.globCount));
         file.beginRows(head.activeGlobs, s.globCount);
         return file.ok() ? Status::Ok : Status::CannotWrite;
     }

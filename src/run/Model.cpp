@@ -22,22 +22,6 @@ constexpr int64_t maxDirections = int64_t{3} * 2048 * 2048;
 // first ray. A count beyond both the face count and a million is refused.
 constexpr int32_t globCountAllowance = 1 << 20;
 
-bool checkDimensionAndResolution(int32_t dimension, const RunParameters& parameters) {
-    if (dimension < 1 || dimension > 3) {
-        reportRunError("dimension " + std::to_string(dimension) +
-                       " in the size section is not 1 (axisymmetric), 2 (planar) or 3");
-        return false;
-    }
-    const int32_t resolution = parameters.hemisphereResolution;
-    const int64_t largest = largestHemisphereResolution(dimension);
-    if (resolution < 0 || resolution > largest) {
-        reportRunError("hemisphere resolution " + std::to_string(resolution) +
-                       " is outside 0 to " + std::to_string(largest));
-        return false;
-    }
-    return true;
-}
-
 // Node numbers are stored as read; one outside the node array (a 0 in the text
 // becomes -1) would send the geometry past the array. Only participating faces
 // are ever measured or traced, so only they are checked.
@@ -71,6 +55,22 @@ int64_t largestHemisphereResolution(int32_t dimension) {
     return dimension == 2 ? maxDirections / 2 : 2048;
 }
 
+bool checkDimensionAndResolution(int32_t dimension, const RunParameters& parameters) {
+    if (dimension < 1 || dimension > 3) {
+        reportRunError("dimension " + std::to_string(dimension) +
+                       " in the size section is not 1 (axisymmetric), 2 (planar) or 3");
+        return false;
+    }
+    const int32_t resolution = parameters.hemisphereResolution;
+    const int64_t largest = largestHemisphereResolution(dimension);
+    if (resolution < 0 || resolution > largest) {
+        reportRunError("hemisphere resolution " + std::to_string(resolution) +
+                       " is outside 0 to " + std::to_string(largest));
+        return false;
+    }
+    return true;
+}
+
 Model::Model(const SizeSection& s, int32_t coordinates)
     : sizes(s),
       nodeCoordinates(coordinates),
@@ -82,7 +82,7 @@ std::unique_ptr<Model> readTextModel(std::istream& input, const SizeSection& siz
     RunParameters parameters;
     if (!readParameterSection(input, parameters)) return nullptr;
     if (!checkDimensionAndResolution(sizes.dimension, parameters)) return nullptr;
-    auto model = std::make_unique<Model>(sizes, textNodeCoordinates(sizes.dimension));
+    auto model = std::make_unique<Model>(sizes, nodeCoordinateCount(sizes.dimension));
     model->parameters = parameters;
     readMeshSections(input, model->nodeCoordinates, model->nodes, model->allFaces,
                      model->participatingFaces, model->zones);

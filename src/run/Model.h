@@ -29,10 +29,6 @@ struct Model {
     Model& operator=(const Model&) = delete;
 };
 
-// Coordinates per node in the node section of a text model: axisymmetric meshes
-// carry two, like planar ones. A block's node section holds `dimension` of them.
-constexpr int32_t textNodeCoordinates(int32_t dimension) { return dimension == 3 ? 3 : 2; }
-
 // The largest hemisphere resolution a run of this dimension accepts. The bound is
 // on directions per face (3 R^2 on the hemicube, 2 R on the planar fan), so planar
 // runs may ask for a far higher resolution than the 2048 of the others.
@@ -47,6 +43,10 @@ std::unique_ptr<Model> readTextModel(std::istream& input, const SizeSection& siz
 // The same from an in-memory block (packed, or direct pointers into the host's
 // arrays); a damaged block goes to reportInputError.
 std::unique_ptr<Model> readBlockModel(const void* meshData, bool directFields);
+
+// The dimension is one a run knows and the hemisphere resolution one it can
+// afford. False after an "error: " line.
+[[nodiscard]] bool checkDimensionAndResolution(int32_t dimension, const RunParameters& parameters);
 
 // The checks a model passes before any geometry is computed from it: the glob
 // count fits the faces, and every participating face names nodes of the node

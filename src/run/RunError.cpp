@@ -15,4 +15,6 @@ void reportRunError(const std::string& message) {
 
 const std::string& lastRunError() { return lastMessage; }
 
+void clearRunError() { lastMessage.clear(); }
+
 }  // namespace hemiray

@@ -13,4 +13,8 @@ void reportRunError(const std::string& message);
 // The message of the calling thread's last reportRunError; empty before the first.
 const std::string& lastRunError();
 
+// Forgets the calling thread's last message, so that a front end can tell whether
+// the call it makes next reported one.
+void clearRunError();
+
 }  // namespace hemiray

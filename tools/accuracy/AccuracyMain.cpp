@@ -23,7 +23,7 @@
 
 #include "ErrorBands.h"
 #include "accuracy/ExactFactors.h"
-#include "repair/GlobAreas.h"
+#include "geometry/FaceGeometry.h"
 #include "repair/ViewFactorRepair.h"
 #include "models/CodeMesh.h"
 
@@ -265,7 +265,8 @@ int main(int argc, char** argv) {
                 for (const double f : row) sum += f;
                 exactClosure = std::max(exactClosure, std::abs(sum - 1));
             }
-            const std::vector<double> area = repair::globAreas(m.faces, n);
+            computeFaceGeometry(m.faces);
+            const std::vector<double> area = globSurfaceAreas(m.faces, n);
             const std::vector<uint8_t> active(static_cast<size_t>(n), 1);
             std::vector<int32_t> faces(static_cast<size_t>(n), 0);
             for (const int32_t g : m.faces.faceGlob) ++faces[g];
