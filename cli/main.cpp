@@ -285,7 +285,7 @@ int demo(int n, int resolution) {
               << "  reciprocity:  " << summary.weightedReciprocity
               << " of the exchanged energy unbalanced, " << bands.expectedWeightedReciprocity
               << " expected from sampling at this resolution;\n                pairs beyond "
-              << cli::errorLaw(3).scatter << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
+              << std::defaultfloat << cli::errorLaw(3).scatter << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
               << " (hemiray repair balances them)\n"
               << "  result file:  " << path << std::endl;
     return 0;
