@@ -138,7 +138,7 @@ int generate(const std::string& name, const std::string& output, int n, int reso
     return 0;
 }
 
-void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::BandSummary& bands) {
+void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::BandSummary* bands) {
     std::cout << std::setprecision(10) << "{\"dimension\": " << r.sizes.dimension
               << ", \"globs\": " << r.sizes.globCount << ", \"rows\": " << r.rows.size()
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
@@ -154,7 +154,8 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::
                   << ", \"partner\": " << g.worstPartner << "}";
     }
     std::cout << "], \"band\": ";
-    cli::printBandsJson(std::cout, bands);
+    if (bands) cli::printBandsJson(std::cout, *bands);
+    else std::cout << "null";
     std::cout << "}" << std::endl;
 }
 
@@ -180,11 +181,18 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
 // Closure, reciprocity and the sampling-error bands of a result read whole.
 int reportResult(cli::ResultFile& result, const std::string& path, bool json, bool perGlob) {
     const auto summary = cli::checkResult(result);
+    // A result whose rows do not form a matrix of its globs (a glob with two rows)
+    // still gets its totals; only the bands need the matrix.
     cli::BandSummary bands;
     std::string error;
-    if (!cli::checkBands(result, bands, error)) return fail(path + ": " + error);
-    if (json) printJson(summary, result, bands);
-    else printTable(summary, result, perGlob), cli::printBands(std::cout, bands, result, perGlob);
+    const bool banded = cli::checkBands(result, bands, error);
+    if (json) {
+        printJson(summary, result, banded ? &bands : nullptr);
+        return 0;
+    }
+    printTable(summary, result, perGlob);
+    if (banded) cli::printBands(std::cout, bands, result, perGlob);
+    else std::cout << "sampling band: not available, " << error << std::endl;
     return 0;
 }
 
@@ -279,8 +287,8 @@ int demo(int n, int resolution) {
               << "  reciprocity:  " << summary.weightedReciprocity
               << " of the exchanged energy unbalanced, " << bands.expectedWeightedReciprocity
               << " expected from sampling at this resolution;\n                pairs beyond "
-              << cli::errorLaw(3).scatter << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
-              << " (hemiray repair balances them)\n"
+              << std::defaultfloat << cli::errorLaw(3).scatter << " times their band: "
+              << bands.pairsBeyond << " of " << bands.pairs << " (hemiray repair balances them)\n"
               << "  result file:  " << path << std::endl;
     return 0;
 }

@@ -83,7 +83,8 @@ Residuals measureResiduals(const CsrMatrix& F, const std::vector<double>& area,
                            const std::vector<uint8_t>& active, Enclosure enclosure);
 
 // Repairs a valid matrix into `repaired`. The energy matrix A_i F_ij is symmetrised,
-// S = (AF + (AF)^T) / 2, and scaled symmetrically, F'_ij = d_i S_ij d_j / A_i, with
+// S = (AF + (AF)^T) / 2 (or each side weighted by options.estimateWeight), and
+// scaled symmetrically, F'_ij = d_i S_ij d_j / A_i, with
 // positive d chosen so that every row sums to 1 (closed) or, with d_i <= 1, to at
 // most 1 (open). Zeros of S stay zero and entries stay positive; reciprocity is
 // exact by construction.
@@ -95,7 +96,10 @@ Residuals measureResiduals(const CsrMatrix& F, const std::vector<double>& area,
 // without entries that other globs see gets its factors from reciprocity.
 //
 // Entries keep their order within a row; reverse entries of pairs seen from one side
-// only are appended to their rows. False with a message for an invalid matrix.
+// only are appended to their rows. When no positive d balances the rows exactly (a
+// sparse pattern that would need some pairs at zero) the report says not converged
+// and `repaired` holds the last sweep's factors. False with a message for an invalid
+// matrix or weights.
 [[nodiscard]] bool repairViewFactors(const CsrMatrix& F, const std::vector<double>& area,
                                      const std::vector<uint8_t>& active,
                                      const RepairOptions& options, CsrMatrix& repaired,

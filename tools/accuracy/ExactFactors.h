@@ -30,7 +30,7 @@ struct Rectangle {
 
 // A1 F12 between parallel rectangles at distance c: rectangle 1 over [x1,x2] x [y1,y2],
 // rectangle 2 over [u1,u2] x [v1,v2] in the same two coordinates (J. R. Ehlert and
-// T. F. Smith, J. Quant. Spectrosc. Radiat. Transfer 49, 1993).
+// T. F. Smith, J. Thermophysics and Heat Transfer 7, 1993).
 inline double parallelEnergy(const double x[2], const double y[2], const double u[2],
                              const double v[2], double c) {
     auto corner = [c](double dx, double dy) {
