@@ -1,11 +1,11 @@
 // The process-wide HDF5 consumer: one result at a time, the target replaced only
 // by a committed result, nothing left behind by a result that is dropped or cut
 // short by exit, and HDF5 kept quiet meanwhile. Whole ".h5" runs, their failures
-// included, are in Hdf5OutputTest.
+// included, are in Hdf5OutputTest; symbolic links, resolved by the replacement file
+// that both result sinks use, in EntryPointTest (OutputSink).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "output/Hdf5Consumer.h"
@@ -54,18 +54,6 @@ TEST(Hdf5Consumer, TargetIsReplacedOnlyByACommittedResult) {
     }
     EXPECT_TRUE(isHdf5(target));
     EXPECT_EQ(fileCount(dir.path()), 1u);
-}
-
-TEST(Hdf5Consumer, SymbolicLinkIsFollowedAndKept) {
-    ScratchDir dir;
-    writeFile(dir.file("model"), "text");
-    std::filesystem::create_symlink(dir.file("model"), dir.file("link.h5"));
-    auto delivery = Hdf5Consumer::instance()->startResult(dir.file("link.h5"));
-    ASSERT_NE(delivery, nullptr);
-    delivery->writer().beginRows({}, 0);
-    ASSERT_TRUE(delivery->commit());
-    EXPECT_TRUE(std::filesystem::is_symlink(dir.file("link.h5")));
-    EXPECT_TRUE(isHdf5(dir.file("model")));
 }
 
 TEST(Hdf5Consumer, ServesOneResultAtATime) {
