@@ -59,38 +59,45 @@ public:
         return value != 0;
     }
 
-    // Unit u of a window belongs to rank u % size. Rank 0's own units are already
-    // in place; every other rank sends its units back to back.
-    bool exchange(int32_t* columns, int64_t rays, int64_t unitRays, bool stop) override {
-        int ends = stop ? 1 : 0;
-        MPI_Bcast(&ends, 1, MPI_INT, 0, MPI_COMM_WORLD);
+    // Rank 0's own units are already in place; every other rank sends its units
+    // back to back, in the order of the deal.
+    bool exchange(int32_t* columns, int64_t rays, int64_t unitRays, const UnitDeal& deal,
+                  int32_t& nextRootUnits, bool stop) override {
+        int wish[2] = {stop ? 1 : 0, nextRootUnits};
+        MPI_Bcast(wish, 2, MPI_INT, 0, MPI_COMM_WORLD);
+        nextRootUnits = wish[1];
         const int64_t units = unitRays > 0 ? (rays + unitRays - 1) / unitRays : 0;
         auto unitLength = [&](int64_t u) { return std::min(rays, (u + 1) * unitRays) - u * unitRays; };
+        auto forEachUnit = [&](int part, auto&& use) {
+            for (int64_t i = 0; part > 0 && units > 0; ++i) {
+                const int64_t u = deal.unitOf(part, i);
+                if (u >= units) break;
+                use(u);
+            }
+        };
         int64_t total = 0;
         for (int p = 0; p < size_; ++p) {
             int64_t count = 0;
-            for (int64_t u = p; p > 0 && u < units; u += size_) count += unitLength(u);
+            forEachUnit(p, [&](int64_t u) { count += unitLength(u); });
             counts_[p] = static_cast<int>(count);
             offsets_[p] = static_cast<int>(total);
             total += count;
         }
         buffer_.resize(static_cast<size_t>(rank_ == 0 ? total : counts_[rank_]));
-        if (rank_ > 0) {
-            int32_t* out = buffer_.data();
-            for (int64_t u = rank_; u < units; u += size_)
-                out = std::copy_n(columns + u * unitRays, unitLength(u), out);
-        }
-        MPI_Gatherv(buffer_.data(), counts_[rank_], MPI_INT32_T, buffer_.data(), counts_.data(),
+        int32_t* out = buffer_.data();
+        forEachUnit(rank_, [&](int64_t u) { out = std::copy_n(columns + u * unitRays, unitLength(u), out); });
+        MPI_Gatherv(rank_ == 0 ? MPI_IN_PLACE : buffer_.data(), counts_[rank_], MPI_INT32_T,
+                    buffer_.data(), counts_.data(),
                     offsets_.data(), MPI_INT32_T, 0, MPI_COMM_WORLD);
         if (rank_ == 0) {
             const int32_t* in = buffer_.data();
             for (int p = 1; p < size_; ++p)
-                for (int64_t u = p; u < units; u += size_) {
+                forEachUnit(p, [&](int64_t u) {
                     std::copy_n(in, unitLength(u), columns + u * unitRays);
                     in += unitLength(u);
-                }
+                });
         }
-        return ends != 0;
+        return wish[0] != 0;
     }
 
 private:
@@ -212,7 +219,13 @@ int run(Job& job, const Args& args) {
     if (!job.agree(refused.empty())) return job.fail(refused);
 
     RunOptions options;
-    options.numThreads = args.threads > 0 ? args.threads : omp_get_num_procs();
+    // By default the ranks of a node share its cores.
+    MPI_Comm node;
+    MPI_Comm_split_type(MPI_COMM_WORLD, MPI_COMM_TYPE_SHARED, 0, MPI_INFO_NULL, &node);
+    int ranksOnNode = 1;
+    MPI_Comm_size(node, &ranksOnNode);
+    MPI_Comm_free(&node);
+    options.numThreads = args.threads > 0 ? args.threads : std::max(1, omp_get_num_procs() / ranksOnNode);
     int slots = options.numThreads;
     MPI_Allreduce(MPI_IN_PLACE, &slots, 1, MPI_INT, MPI_SUM, MPI_COMM_WORLD);
     options.slotCount = options.teamSize = args.slots > 0 ? args.slots : slots;
@@ -262,7 +275,7 @@ int parseAndRun(Job& job, int argc, char** argv) {
     auto* cmd = app.add_subcommand("run", "compute the view factors of a model file");
     cmd->add_option("input", args.input, "model file (plain, .gz or .Z)")->required();
     cmd->add_option("-o,--output", args.output, "result file (as hemiray run)");
-    cmd->add_option("--threads", args.threads, "threads of each rank (default: every core)");
+    cmd->add_option("--threads", args.threads, "threads of each rank (default: the node's cores over its ranks)");
     cmd->add_option("--slots", args.slots,
                     "thread count of the one-process run to reproduce (default: all ranks' threads)");
     cmd->add_flag("--binary", args.binary, "write binary rows (section 1308)");

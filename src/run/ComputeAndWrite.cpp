@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -87,6 +88,7 @@ constexpr int64_t unitRays = 384;
 struct Window {
     int64_t first = 0;  // position of its first face in the sequence
     int64_t faces = 0;
+    UnitDeal deal;      // which part traces which units
     std::vector<FaceFrame> frames;  // one per face, in sequence order
     std::vector<int32_t> columns;   // per face, one per direction
 };
@@ -166,7 +168,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     const int32_t parts = share ? share->parts() : 1;
     const int32_t part = share ? share->part() : 0;
     const int64_t windowFaces =
-        std::clamp<int64_t>(windowRays * std::min(parts, 4) / std::max<int64_t>(rays, 1), 1, maxWindowFaces);
+        std::clamp<int64_t>(windowRays / std::max<int64_t>(rays, 1), 1, maxWindowFaces);
     const int64_t unitFaces = std::max<int64_t>(1, (unitRays + rays - 1) / std::max<int64_t>(rays, 1));
 
     // The generators of the team that the result depends on: fresh, or those of
@@ -220,55 +222,80 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         }
     };
 
-    int64_t nextFace = 0;  // first face of the next window
-    int32_t planRow = 0;   // the row of nextFace
+    // The next window in sequence order, with its frames. Drawn by one thread, in
+    // sequence order, so that each member's generator draws for its faces in the
+    // order of the one-process loop; a few draws per face.
+    int64_t nextFace = 0;
+    int32_t planRow = 0;  // the row of nextFace
     bool stop = false;
-    std::atomic<int64_t> nextUnit{0};
+    const auto planWindow = [&](Window& w, bool empty) {
+        w.first = nextFace;
+        w.faces = empty ? 0 : std::min(windowFaces, totalFaces - nextFace);
+        for (int64_t i = 0; i < w.faces; ++i, ++nextFace) {
+            while (nextFace >= rowFaceStart[planRow + 1]) ++planRow;
+            const int32_t glob = activeGlobs[planRow];
+            const int32_t face =
+                globs.globFaces[globs.globFaceStart[glob] + (nextFace - rowFaceStart[planRow])];
+            w.frames[static_cast<size_t>(i)] = frames.frame(planRow, face);
+        }
+    };
+
+    std::atomic<int64_t> nextUnit[2] = {0, 0};
     std::exception_ptr writeError;
+    // Part 0's share of the next window: the share that would have let it finish
+    // the last one with the others, given the time its first thread spent adding
+    // rays and writing instead of tracing.
+    int32_t rootUnits = UnitDeal::fullShare;
+    for (Window& w : windows) w.deal.parts = parts;
+    double iterationStart = omp_get_wtime();
+    const auto nextRootUnits = [&](double writing) {
+        const double now = omp_get_wtime();
+        const double busy = writing / std::max(now - iterationStart, 1e-9) / run.numThreads;
+        iterationStart = now;
+        return static_cast<int32_t>(std::lround(UnitDeal::fullShare * std::clamp(1 - busy, 0.0, 1.0)));
+    };
     if (totalFaces > 0) {
-#pragma omp parallel num_threads(run.numThreads) default(none)                                  \
-    shared(windows, frames, nextFace, planRow, stop, nextUnit, writeError, writeFailed, share, \
-               rowFaceStart, activeGlobs, globs, faces, zones, hemisphere,        \
-               nearestHit, addWindow, totalFaces, windowFaces, unitFaces, rays, parts, part, writes)
+        planWindow(windows[0], false);
+#pragma omp parallel num_threads(run.numThreads) default(none)                              \
+    shared(windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, \
+               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, totalFaces,     \
+               unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
             for (int64_t w = 0;; ++w) {
                 Window& tracing = windows[w % 2];
-#pragma omp single
-                {
-                    // Frames are drawn here, in sequence order, by one thread: each
-                    // member's generator then draws for its faces in the order the
-                    // one-process loop does. It costs a few draws per face.
-                    tracing.first = nextFace;
-                    tracing.faces = stop ? 0 : std::min(windowFaces, totalFaces - nextFace);
-                    for (int64_t i = 0; i < tracing.faces; ++i, ++nextFace) {
-                        while (nextFace >= rowFaceStart[planRow + 1]) ++planRow;
-                        const int32_t glob = activeGlobs[planRow];
-                        const int32_t face = globs.globFaces[globs.globFaceStart[glob] +
-                                                             (nextFace - rowFaceStart[planRow])];
-                        tracing.frames[static_cast<size_t>(i)] = frames.frame(planRow, face);
-                    }
-                    nextUnit = 0;
-                }
+                // Read before the barrier below: once past it, the first thread
+                // plans the window after next into this one.
+                const bool last = tracing.faces == 0;
                 // The thread that called the run collects, adds and writes the
-                // previous window while the others start on this one.
-                if (w > 0 && omp_get_thread_num() == 0) {
-                    Window& traced = windows[(w - 1) % 2];
-                    if (share)
-                        stop = share->exchange(traced.columns.data(), traced.faces * rays,
-                                               unitFaces * rays, stop || writeFailed) || stop;
-                    if (writes && !writeFailed && !writeError) {
+                // previous window and draws the frames of the next one, while the
+                // others trace this one.
+                if (omp_get_thread_num() == 0) {
+                    Window& other = windows[(w + 1) % 2];
+                    if (w > 0 && share)
+                        stop = share->exchange(other.columns.data(), other.faces * rays,
+                                               unitFaces * rays, other.deal, rootUnits,
+                                               writeFailed || writeError) || stop;
+                    const double writeStart = omp_get_wtime();
+                    if (w > 0 && writes && !writeFailed && !writeError) {
                         try {
-                            addWindow(traced);
+                            addWindow(other);
                         } catch (...) {
                             writeError = std::current_exception();
                         }
                     }
                     if (!share) stop = stop || writeFailed || writeError;
+                    planWindow(other, stop || tracing.faces == 0 || nextFace == totalFaces);
+                    other.deal.rootUnits = rootUnits;
+                    if (writes && parts > 1) rootUnits = nextRootUnits(omp_get_wtime() - writeStart);
+                    nextUnit[(w + 1) % 2] = 0;
                 }
                 const int64_t units = (tracing.faces + unitFaces - 1) / unitFaces;
+                const UnitDeal& deal = tracing.deal;
                 for (;;) {
-                    const int64_t unit = part + parts * nextUnit.fetch_add(1, std::memory_order_relaxed);
+                    if (deal.shareOf(part) == 0) break;
+                    const int64_t unit =
+                        deal.unitOf(part, nextUnit[w % 2].fetch_add(1, std::memory_order_relaxed));
                     if (unit >= units) break;
                     const int64_t end = std::min(tracing.faces, (unit + 1) * unitFaces);
                     for (int64_t i = unit * unitFaces; i < end; ++i) {
@@ -281,7 +308,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     }
                 }
 #pragma omp barrier
-                if (tracing.faces == 0) break;
+                if (last) break;
             }
         }
     }

@@ -44,6 +44,29 @@ struct RunOptions {
 // share of every window's rays; part 0 collects them, adds them into the rows in
 // the one-process order and alone writes to its sink. Every part makes the same
 // calls in the same order.
+// Which part traces which units of a window: the units are dealt in rounds, part
+// 0 taking rootUnits of each round and every other part fullShare. Part 0 also
+// adds the rays into the rows and writes them, so it takes fewer units when that
+// work is heavy; the deal never changes a result, only who traces.
+struct UnitDeal {
+    static constexpr int32_t fullShare = 32;
+    int32_t parts = 1;
+    int32_t rootUnits = fullShare;
+
+    int64_t roundSize() const { return rootUnits + int64_t{fullShare} * (parts - 1); }
+    int64_t shareOf(int32_t part) const { return part == 0 ? rootUnits : fullShare; }
+    // The unit of a part's i-th own unit (ascending in i).
+    int64_t unitOf(int32_t part, int64_t i) const {
+        const int64_t share = shareOf(part);
+        const int64_t first = part == 0 ? 0 : rootUnits + int64_t{fullShare} * (part - 1);
+        return i / share * roundSize() + first + i % share;
+    }
+};
+
+// A run shared by several processes (the ranks of an MPI job): each part traces its
+// share of every window's rays; part 0 collects them, adds them into the rows in
+// the one-process order and alone writes to its sink. Every part makes the same
+// calls in the same order.
 class RayShare {
 public:
     virtual ~RayShare() = default;
@@ -52,11 +75,12 @@ public:
     // True on every part when `ok` is true on every part.
     [[nodiscard]] virtual bool allOk(bool ok) = 0;
     // After a window is traced: columns holds `rays` ray columns in window order,
-    // in units of unitRays rays (the last may be shorter), of which unit u was
-    // traced by part u % parts(); part 0 receives the units of the others in
-    // place. `stop` is part 0's wish to end the run; the result, the same on every
-    // part, says whether the run ends.
+    // in units of unitRays rays (the last may be shorter), dealt by `deal`; part 0
+    // receives the units of the others in place. `stop` and `nextRootUnits` are
+    // part 0's wish to end the run and its share of a later window; on return both
+    // hold part 0's values on every part. The result says whether the run ends.
     [[nodiscard]] virtual bool exchange(int32_t* columns, int64_t rays, int64_t unitRays,
+                                        const UnitDeal& deal, int32_t& nextRootUnits,
                                         bool stop) = 0;
 };
 
