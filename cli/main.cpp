@@ -87,11 +87,15 @@ int runModel(const RunArgs& args) {
 
     // The model is read and checked here first, so that a fault the library would
     // end the process on, or abort over mid-run, is one line about zone and face.
-    cli::ResultFile model;
-    std::string error;
-    if (!cli::readModel(args.input, args.block, model, error)) return fail(args.input + ": " + error);
-    const std::string problem = cli::findModelProblem(model);
-    if (!problem.empty()) return fail(args.input + ": " + problem);
+    // The copy is released before the run, which reads its own.
+    {
+        cli::ResultFile model;
+        std::string error;
+        if (!cli::readModel(args.input, args.block, model, error))
+            return fail(args.input + ": " + error);
+        const std::string problem = cli::findModelProblem(model);
+        if (!problem.empty()) return fail(args.input + ": " + problem);
+    }
 
     cli::RunRequest request{args.input, output, threadCount(args.threads), args.binary,
                             args.block, args.direct, args.header};

@@ -100,6 +100,14 @@ TEST(Hdf5ResultFile, DamagedResultsAreRefusedWithTheirFault) {
          [](hid_t f) { replaceDataset(f, "zones/faceStart", H5T_STD_I32LE, 2, false); }},
         {"dataset values is not floating-point",
          [](hid_t f) { replaceDataset(f, "viewFactors/values", H5T_STD_I32LE, 8, false); }},
+        // A type wider than any number: libhdf5 would size its conversion buffers by it.
+        {"dataset columns has elements of 64 bytes",
+         [](hid_t f) {
+             const hid_t wide = H5Tcopy(H5T_STD_I32LE);
+             H5Tset_size(wide, 64);
+             replaceDataset(f, "viewFactors/columns", wide, 8, false);
+             H5Tclose(wide);
+         }},
         // 2^40 entries that were never written: nothing is allocated for them.
         {"dataset columns claims more data than the file holds",
          [](hid_t f) {
