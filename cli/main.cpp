@@ -183,7 +183,7 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
 }
 
 // Closure, reciprocity and the sampling-error bands of a result read whole.
-int reportResult(cli::ResultFile& result, const std::string& path, bool json, bool perGlob) {
+int reportResult(cli::ResultFile& result, bool json, bool perGlob) {
     const auto summary = cli::checkResult(result);
     // A result whose rows do not form a matrix of its globs (a glob with two rows)
     // still gets its totals; only the bands need the matrix.
@@ -204,7 +204,7 @@ int checkResultFile(const std::string& path, bool json, bool perGlob) {
     cli::ResultFile result;
     std::string error;
     if (!cli::readResultFile(path, result, error)) return fail(path + ": " + error);
-    return reportResult(result, path, json, perGlob);
+    return reportResult(result, json, perGlob);
 }
 
 int checkModel(const cli::ResultFile& model, const std::string& path) {
@@ -247,7 +247,7 @@ int check(const std::string& path, bool json, bool perGlob) {
     if (!cli::readTextFile(path, false, result, error)) return fail(path + ": " + error);
     if (!result.hasRows) return checkModel(result, path);
     if (!cli::checkModelBounds(result, error)) return fail(path + ": " + error);
-    return reportResult(result, path, json, perGlob);
+    return reportResult(result, json, perGlob);
 }
 
 int demo(int n, int resolution) {
