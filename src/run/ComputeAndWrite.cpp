@@ -13,6 +13,7 @@
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
 #include "output/Hdf5Consumer.h"
 #include "output/ViewFactorWriter.h"
@@ -120,6 +121,8 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
     const MeshView mesh{&nodes, &participatingFaces};
     // Rays walk the tree's flat copy; the node tree goes once it is copied.
     const TraversalTree tree(BspNode(run.dimension, &mesh, true));
+    // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
+    const RayTracer tracer(tree, participatingFaces, traceEngineFromEnvironment());
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());
@@ -141,7 +144,7 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
         // for the slowest glob of every block nor spin through thousands of joins.
 #pragma omp parallel num_threads(run.numThreads) default(none) \
     shared(batchStart, batchEnd, slots, activeGlobs, dimension, hemisphere, faces, globs, \
-               zones, tree, rows)
+               zones, tracer, rows)
         {
             const int32_t team = omp_get_num_threads();
             const int32_t thread = omp_get_thread_num();
@@ -149,7 +152,7 @@ bool computeAndWrite(const RunSetup& run, const RunParameters& parameters,
                 const int32_t chunk = std::min(slots, batchEnd - blockStart);
                 for (int32_t i = thread; i < chunk; i += team)
                     computeViewFactorRow(activeGlobs[blockStart + i], dimension, hemisphere,
-                                         faces, globs, zones, tree, rows[blockStart - batchStart + i]);
+                                         faces, globs, zones, tracer, rows[blockStart - batchStart + i]);
             }
         }
         // Written by this thread alone, in list order, whatever the threads' timing.

@@ -188,4 +188,14 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
     computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
 }
 
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs,
+                          const ZoneTable& zones, const RayTracer& tracer,
+                          SparseRowVector& row) {
+    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        return tracer.trace(O, D, hitPoint, hitFace);
+    };
+    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
+}
+
 }  // namespace hemiray

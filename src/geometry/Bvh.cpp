@@ -1,0 +1,513 @@
+// The BVH of Bvh.h: build (binned SAH, collapse to four-wide nodes, leaf packing)
+// and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
+// processor has it, and for the baseline (SSE2). Both forms run the same source;
+// the group test is written with generic vectors of four doubles, which the
+// baseline form splits into pairs. Compiled with -ffp-contract=off: no multiply
+// and add may be fused, so every lane rounds as intersectPolygon does.
+#include "geometry/Bvh.h"
+
+#include <immintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "Check.h"
+#include "geometry/RayTraversal.h"
+
+namespace hemiray {
+
+namespace {
+
+typedef double V4d __attribute__((vector_size(32)));
+typedef long long V4l __attribute__((vector_size(32)));
+
+// Boxes are padded by this share of the scene's extent on every side: far more
+// than the float rounding of box corners, ray origin, direction and entry
+// parameter (about 1e-7 of the extent each), so a box never drops a point that
+// lies in its face's node box.
+constexpr double boxPadding = 1e-5;
+constexpr uint32_t leafFaceLimit = 8;
+constexpr int binCount = 16;
+// Below this depth the build splits at the median, which bounds the depth and with
+// it the query's stack.
+constexpr int sahDepthLimit = 48;
+// The query defers at most three children per level; the depth stays below
+// sahDepthLimit + 32 (median splits halve the faces).
+constexpr int stackSize = 256;
+constexpr int maxTreeDepth = stackSize / 3 - 1;
+
+float roundDown(double x) {
+    float f = static_cast<float>(x);
+    if (static_cast<double>(f) > x) f = std::nextafter(f, -std::numeric_limits<float>::infinity());
+    return f;
+}
+float roundUp(double x) {
+    float f = static_cast<float>(x);
+    if (static_cast<double>(f) < x) f = std::nextafter(f, std::numeric_limits<float>::infinity());
+    return f;
+}
+
+struct Box {
+    float lo[3] = {std::numeric_limits<float>::max(), std::numeric_limits<float>::max(),
+                   std::numeric_limits<float>::max()};
+    float hi[3] = {-std::numeric_limits<float>::max(), -std::numeric_limits<float>::max(),
+                   -std::numeric_limits<float>::max()};
+    void grow(const Box& b) {
+        for (int i = 0; i < 3; ++i) {
+            lo[i] = std::min(lo[i], b.lo[i]);
+            hi[i] = std::max(hi[i], b.hi[i]);
+        }
+    }
+    void grow(const float p[3]) {
+        for (int i = 0; i < 3; ++i) {
+            lo[i] = std::min(lo[i], p[i]);
+            hi[i] = std::max(hi[i], p[i]);
+        }
+    }
+    // Half the surface area; 0 for an empty box.
+    double area() const {
+        if (lo[0] > hi[0]) return 0;
+        const double dx = hi[0] - lo[0], dy = hi[1] - lo[1], dz = hi[2] - lo[2];
+        return dx * dy + dy * dz + dz * dx;
+    }
+};
+
+struct Ref {
+    Box box;
+    float centre[3];
+    int32_t face;
+};
+
+struct BuildNode {
+    Box box;
+    int32_t child[2] = {-1, -1};  // both -1 in a leaf
+    uint32_t begin = 0;
+    uint32_t end = 0;
+};
+
+// Groups of four are what a leaf pays for.
+double groupCost(uint32_t count) { return static_cast<double>((count + 3) / 4); }
+
+class Builder {
+public:
+    Builder(std::vector<Ref>& refs) : refs_(refs) {}
+
+    int32_t build(uint32_t begin, uint32_t end, int depth) {
+        HEMIRAY_CHECK(depth <= maxTreeDepth, "BVH depth within the query's stack");
+        const auto index = static_cast<int32_t>(nodes_.size());
+        nodes_.push_back(BuildNode{});
+        Box box, centres;
+        for (uint32_t i = begin; i < end; ++i) {
+            box.grow(refs_[i].box);
+            centres.grow(refs_[i].centre);
+        }
+        nodes_[static_cast<size_t>(index)].box = box;
+        nodes_[static_cast<size_t>(index)].begin = begin;
+        nodes_[static_cast<size_t>(index)].end = end;
+        const uint32_t count = end - begin;
+        if (count <= 4) return index;
+
+        int axis = 0;
+        for (int i = 1; i < 3; ++i)
+            if (centres.hi[i] - centres.lo[i] > centres.hi[axis] - centres.lo[axis]) axis = i;
+        const double lo = centres.lo[axis];
+        const double width = static_cast<double>(centres.hi[axis]) - lo;
+        uint32_t middle = begin;
+        if (width > 0 && depth < sahDepthLimit) {
+            const auto binOf = [&](const Ref& r) {
+                const int bin = static_cast<int>((r.centre[axis] - lo) * (binCount / width));
+                return std::clamp(bin, 0, binCount - 1);
+            };
+            Box bins[binCount];
+            uint32_t counts[binCount] = {};
+            for (uint32_t i = begin; i < end; ++i) {
+                const int b = binOf(refs_[i]);
+                bins[b].grow(refs_[i].box);
+                ++counts[b];
+            }
+            double rightArea[binCount];
+            uint32_t rightCount[binCount];
+            Box right;
+            uint32_t rc = 0;
+            for (int b = binCount - 1; b > 0; --b) {
+                right.grow(bins[b]);
+                rc += counts[b];
+                rightArea[b] = right.area();
+                rightCount[b] = rc;
+            }
+            Box left;
+            uint32_t lc = 0;
+            double bestCost = std::numeric_limits<double>::max();
+            int bestSplit = -1;
+            for (int b = 1; b < binCount; ++b) {
+                left.grow(bins[b - 1]);
+                lc += counts[b - 1];
+                if (lc == 0 || rightCount[b] == 0) continue;
+                const double cost = left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
+                if (cost < bestCost) {
+                    bestCost = cost;
+                    bestSplit = b;
+                }
+            }
+            // A node visit costs about half a group test.
+            const double area = box.area();
+            if (count <= leafFaceLimit && (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
+                return index;
+            if (bestSplit > 0) {
+                middle = static_cast<uint32_t>(
+                    std::partition(refs_.begin() + begin, refs_.begin() + end,
+                                   [&](const Ref& r) { return binOf(r) < bestSplit; }) -
+                    refs_.begin());
+            }
+        } else if (count <= leafFaceLimit) {
+            return index;
+        }
+        if (middle == begin || middle == end) {
+            middle = begin + count / 2;
+            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+        }
+        const int32_t low = build(begin, middle, depth + 1);
+        const int32_t high = build(middle, end, depth + 1);
+        nodes_[static_cast<size_t>(index)].child[0] = low;
+        nodes_[static_cast<size_t>(index)].child[1] = high;
+        return index;
+    }
+
+    const std::vector<BuildNode>& nodes() const { return nodes_; }
+
+private:
+    std::vector<Ref>& refs_;
+    std::vector<BuildNode> nodes_;
+};
+
+struct Ray4 {
+    V4d O[3];
+    V4d D[3];
+};
+
+V4d broadcast(double x) { return V4d{x, x, x, x}; }
+
+// intersectPolygon on four lanes: the same expressions in the same order, and the
+// same comparisons (written as their negations where a lane must pass, so that a
+// NaN decides as it does there).
+template <int Corners>
+[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, const Ray4& r, double tmax,
+                                                 double* tOut) {
+    const auto at = [g](int k) { return *reinterpret_cast<const V4d*>(g[k].v); };
+    const V4d n0 = at(0), n1 = at(1), n2 = at(2);
+    const V4d den = r.D[0] * n0 + r.D[1] * n1 + r.D[2] * n2;
+    const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
+    const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
+    V4l miss = (den >= 0) | (t <= at(3)) | (t > broadcast(tmax));
+    V4d p0 = l0, p1 = l1, p2 = l2;
+    for (int k = 0; k < Corners - 1; ++k) {
+        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1], c2 = at(9 + 3 * k) - r.O[2];
+        miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] + (p0 * c1 - p1 * c0) * r.D[2] > 0;
+        p0 = c0;
+        p1 = c1;
+        p2 = c2;
+    }
+    miss |= (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] > 0;
+    std::memcpy(tOut, &t, sizeof t);
+    unsigned bits = 0;
+    for (int k = 0; k < 4; ++k) bits |= miss[k] ? 0u : 1u << k;
+    return bits;
+}
+
+[[gnu::always_inline]] inline Ray4 rayLanes(const Vec3& O, const Vec3& D) {
+    Ray4 r;
+    for (int i = 0; i < 3; ++i) {
+        r.O[i] = broadcast(O.v[i]);
+        r.D[i] = broadcast(D.v[i]);
+    }
+    return r;
+}
+
+[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners, const Vec3& O,
+                                                   const Vec3& D, double tmax, double t[4]) {
+    const Ray4 r = rayLanes(O, D);
+    return corners == 3 ? testGroup<3>(group, r, tmax, t) : testGroup<4>(group, r, tmax, t);
+}
+
+}  // namespace
+
+void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                      Lanes4* group) {
+    const size_t entries = polygonGroupEntries(corners);
+    for (size_t e = 0; e < entries; ++e)
+        for (double& x : group[e].v) x = 0.0;
+    const NodeArray& nodes = *faces.nodes;
+    for (int lane = 0; lane < count; ++lane) {
+        const auto f = static_cast<size_t>(faceIndex[lane]);
+        const Vec3& n = faces.faceNormal[f];
+        const int32_t begin = faces.faceNodeStart[f];
+        HEMIRAY_CHECK(faces.faceNodeStart[f + 1] - begin == corners, "group faces of one node count");
+        const auto node = [&](int32_t k) -> const Vec3& {
+            return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(begin + k)])];
+        };
+        for (int i = 0; i < 3; ++i) group[i].v[lane] = n.v[i];
+        group[3].v[lane] = 0.001 * std::sqrt(norm(n));
+        for (int i = 0; i < 3; ++i) group[4 + i].v[lane] = node(corners - 1).v[i];
+        for (int k = 0; k + 1 < corners; ++k)
+            for (int i = 0; i < 3; ++i) group[7 + 3 * k + i].v[lane] = node(k).v[i];
+    }
+}
+
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
+                              double tmax, double t[4]) {
+    return testGroupOf(group, corners, O, D, tmax, t);
+}
+
+[[gnu::target("avx2")]] unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
+                                                      const Vec3& O, const Vec3& D, double tmax,
+                                                      double t[4]) {
+    return testGroupOf(group, corners, O, D, tmax, t);
+}
+
+bool cpuHasAvx2() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+}
+
+Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
+    avx2_ = cpuHasAvx2();
+    const int32_t faceCount = faces.faceCount();
+    if (faceCount <= 0) return;
+    empty_ = false;
+    const NodeArray& nodes = *faces.nodes;
+    const double pad = boxPadding * extent;
+
+    std::vector<Ref> refs(static_cast<size_t>(faceCount));
+    for (int32_t f = 0; f < faceCount; ++f) {
+        double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+        const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
+        const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
+        for (int32_t k = begin; k < end; ++k) {
+            const Vec3 p = nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])] - base;
+            for (int i = 0; i < 3; ++i) {
+                lo[i] = k == begin ? p.v[i] : std::min(lo[i], p.v[i]);
+                hi[i] = k == begin ? p.v[i] : std::max(hi[i], p.v[i]);
+            }
+        }
+        Ref& r = refs[static_cast<size_t>(f)];
+        r.face = f;
+        for (int i = 0; i < 3; ++i) {
+            r.box.lo[i] = roundDown(lo[i] - pad);
+            r.box.hi[i] = roundUp(hi[i] + pad);
+            r.centre[i] = 0.5f * (r.box.lo[i] + r.box.hi[i]);
+        }
+    }
+
+    Builder builder(refs);
+    builder.build(0, static_cast<uint32_t>(faceCount), 0);
+    const std::vector<BuildNode>& bnodes = builder.nodes();
+
+    const auto cornersOf = [&](int32_t f) {
+        return faces.faceNodeStart[static_cast<size_t>(f) + 1] - faces.faceNodeStart[static_cast<size_t>(f)];
+    };
+    const auto makeLeaf = [&](const BuildNode& b) {
+        Leaf leaf{};
+        leaf.groupOffset = groups_.size();
+        leaf.firstGroup = static_cast<uint32_t>(groupFace_.size() / 4);
+        leaf.firstOther = static_cast<uint32_t>(otherFace_.size());
+        std::vector<int32_t> byCorners[2];
+        for (uint32_t i = b.begin; i < b.end; ++i) {
+            const int32_t f = refs[i].face;
+            const int32_t corners = cornersOf(f);
+            if (corners == 3 || corners == 4) byCorners[corners - 3].push_back(f);
+            else otherFace_.push_back(f);
+        }
+        leaf.otherCount = static_cast<uint32_t>(otherFace_.size()) - leaf.firstOther;
+        for (int kind = 0; kind < 2; ++kind) {
+            const std::vector<int32_t>& list = byCorners[kind];
+            for (size_t i = 0; i < list.size(); i += 4) {
+                const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
+                const size_t at = groups_.size();
+                groups_.resize(at + polygonGroupEntries(kind + 3));
+                packPolygonGroup(faces, list.data() + i, count, kind + 3, groups_.data() + at);
+                for (int lane = 0; lane < 4; ++lane)
+                    groupFace_.push_back(lane < count ? list[i + static_cast<size_t>(lane)] : -1);
+            }
+            const auto groupCount = static_cast<uint16_t>((list.size() + 3) / 4);
+            if (kind == 0) leaf.triangleGroups = groupCount;
+            else leaf.quadGroups = groupCount;
+        }
+        leaves_.push_back(leaf);
+        return ~static_cast<int32_t>(leaves_.size() - 1);
+    };
+
+    // Collapse: a node takes its two children and keeps opening the interior child
+    // of largest area until it has four.
+    const auto collapse = [&](auto& self, int32_t b) -> int32_t {
+        const BuildNode& bn = bnodes[static_cast<size_t>(b)];
+        if (bn.child[0] < 0) return makeLeaf(bn);
+        int32_t kids[4] = {bn.child[0], bn.child[1], -1, -1};
+        int used = 2;
+        while (used < 4) {
+            int pick = -1;
+            double pickArea = -1;
+            for (int k = 0; k < used; ++k) {
+                const BuildNode& c = bnodes[static_cast<size_t>(kids[k])];
+                if (c.child[0] >= 0 && c.box.area() > pickArea) {
+                    pick = k;
+                    pickArea = c.box.area();
+                }
+            }
+            if (pick < 0) break;
+            const BuildNode& c = bnodes[static_cast<size_t>(kids[pick])];
+            kids[pick] = c.child[0];
+            kids[used++] = c.child[1];
+        }
+        const auto index = static_cast<int32_t>(nodes_.size());
+        nodes_.push_back(Node{});
+        for (int k = 0; k < 4; ++k) {
+            Node& node = nodes_[static_cast<size_t>(index)];
+            const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
+            for (int i = 0; i < 3; ++i) {
+                node.lo[i][k] = box.lo[i];
+                node.hi[i][k] = box.hi[i];
+            }
+        }
+        nodes_[static_cast<size_t>(index)].count = static_cast<uint32_t>(used);
+        for (int k = 0; k < used; ++k) {
+            const int32_t code = self(self, kids[k]);
+            nodes_[static_cast<size_t>(index)].child[k] = code;
+        }
+        return index;
+    };
+    rootCode_ = collapse(collapse, 0);
+}
+
+size_t Bvh::bytes() const {
+    return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Leaf) +
+           groups_.capacity() * sizeof(Lanes4) + groupFace_.capacity() * sizeof(int32_t) +
+           otherFace_.capacity() * sizeof(int32_t);
+}
+
+// The query, inlined into one form per instruction set. Children are visited
+// nearest first; a subtree whose box starts beyond the best hit so far is skipped.
+// The box test runs in float on the ray relative to the base; a zero direction
+// component is replaced by a tiny one of the same sign, which moves the ray by far
+// less than the boxes' padding over the scene and keeps 0 * infinity out.
+template <bool Wide>
+[[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                   double tmax) {
+    NearestHit best;
+    if (bvh.empty_) return best;
+    const Ray4 lanes = rayLanes(O, D);
+    __m128 org[3], inv[3];
+    for (int i = 0; i < 3; ++i) {
+        org[i] = _mm_set1_ps(static_cast<float>(O.v[i] - bvh.base_.v[i]));
+        float d = static_cast<float>(D.v[i]);
+        if (!(std::abs(d) >= 1e-30f)) d = std::signbit(d) ? -1e-30f : 1e-30f;
+        inv[i] = _mm_set1_ps(1.0f / d);
+    }
+    double limit = tmax;
+    __m128 limitF = _mm_set1_ps(roundUp(limit));
+    const __m128 zero = _mm_setzero_ps();
+
+    const auto tryFace = [&](int32_t face, double t) {
+        if (!best.found || t < best.t) {
+            best.found = true;
+            best.tie = false;
+            best.face = face;
+            best.t = t;
+        } else if (t == best.t) {
+            best.tie = true;
+        }
+    };
+
+    struct Entry {
+        int32_t code;
+        float tNear;
+    };
+    Entry stack[stackSize];
+    int top = 0;
+    stack[top++] = Entry{bvh.rootCode_, 0.0f};
+    while (top > 0) {
+        const Entry entry = stack[--top];
+        if (entry.tNear > _mm_cvtss_f32(limitF)) continue;
+        int32_t code = entry.code;
+        while (code >= 0) {
+            const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
+            __m128 tNear = zero, tFar = limitF;
+            for (int i = 0; i < 3; ++i) {
+                const __m128 t0 = _mm_mul_ps(_mm_sub_ps(_mm_load_ps(node.lo[i]), org[i]), inv[i]);
+                const __m128 t1 = _mm_mul_ps(_mm_sub_ps(_mm_load_ps(node.hi[i]), org[i]), inv[i]);
+                tNear = _mm_max_ps(tNear, _mm_min_ps(t0, t1));
+                tFar = _mm_min_ps(tFar, _mm_max_ps(t0, t1));
+            }
+            unsigned mask = static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(tNear, tFar))) &
+                            ((1u << node.count) - 1u);
+            if (mask == 0) {
+                code = INT32_MAX;  // nothing here: take the next entry
+                break;
+            }
+            alignas(16) float nearOf[4];
+            _mm_store_ps(nearOf, tNear);
+            // The hit children by entry, nearest first.
+            Entry hits[4];
+            int hitCount = 0;
+            for (int k = 0; k < 4; ++k) {
+                if (!(mask & (1u << k))) continue;
+                Entry e{node.child[k], nearOf[k]};
+                int j = hitCount++;
+                while (j > 0 && hits[j - 1].tNear > e.tNear) {
+                    hits[j] = hits[j - 1];
+                    --j;
+                }
+                hits[j] = e;
+            }
+            for (int k = hitCount - 1; k > 0; --k) stack[top++] = hits[k];
+            code = hits[0].code;
+        }
+        if (code == INT32_MAX) continue;
+
+        const Bvh::Leaf& leaf = bvh.leaves_[static_cast<size_t>(~code)];
+        const Lanes4* group = bvh.groups_.data() + leaf.groupOffset;
+        const int32_t* groupFace = bvh.groupFace_.data() + 4 * static_cast<size_t>(leaf.firstGroup);
+        alignas(32) double t[4];
+        const int groupCount = leaf.triangleGroups + leaf.quadGroups;
+        for (int g = 0; g < groupCount; ++g) {
+            const bool triangles = g < leaf.triangleGroups;
+            unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
+            group += triangles ? polygonGroupEntries(3) : polygonGroupEntries(4);
+            for (; bits != 0; bits &= bits - 1) {
+                const int lane = __builtin_ctz(bits);
+                tryFace(groupFace[4 * g + lane], t[lane]);
+            }
+        }
+        for (uint32_t k = 0; k < leaf.otherCount; ++k) {
+            const int32_t face = bvh.otherFace_[leaf.firstOther + k];
+            double tf = 0;
+            if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, limit, tf)) tryFace(face, tf);
+        }
+        if (best.found && best.t < limit) {
+            limit = best.t;
+            limitF = _mm_set1_ps(roundUp(limit));
+        }
+    }
+    return best;
+}
+
+namespace {
+
+[[gnu::target("avx2")]] NearestHit nearestAvx2(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                double tmax) {
+    return nearestIn<true>(bvh, O, D, tmax);
+}
+
+NearestHit nearestSse2(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax) {
+    return nearestIn<false>(bvh, O, D, tmax);
+}
+
+}  // namespace
+
+NearestHit Bvh::nearest(const Vec3& O, const Vec3& D, double tmax) const {
+    return avx2_ ? nearestAvx2(*this, O, D, tmax) : nearestSse2(*this, O, D, tmax);
+}
+
+}  // namespace hemiray
