@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -302,6 +303,10 @@ int main(int argc, char** argv) {
     run->add_flag("--direct", runArgs.direct,
                   "with --block: hand it over as a direct block of pointers to its arrays")
         ->needs("--block");
+    // Chooses the tracing engine through the library's HEMIRAY_ENGINE, for comparisons.
+    std::string runEngine;
+    run->add_option("--engine", runEngine, "tracing engine of 3D runs: bvh (default) or bsp")
+        ->check(CLI::IsMember({"bsp", "bvh"}));
 
     std::string blockInput, blockOutput;
     bool blockForce = false;
@@ -347,6 +352,7 @@ int main(int argc, char** argv) {
     if (*run) {
         if (run->count("--threads") > 0 && runArgs.threads < 1)
             return fail("--threads must be at least 1");
+        if (!runEngine.empty()) ::setenv("HEMIRAY_ENGINE", runEngine.c_str(), 1);
         return runModel(runArgs);
     }
     if (*blk) return writeBlock(blockInput, blockOutput, blockForce);

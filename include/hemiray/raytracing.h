@@ -14,6 +14,13 @@
  * Malformed mesh text, and a malformed in-memory block, is fatal to the whole
  * process: the library prints "file i/o error: <message>" on standard error and
  * calls exit(1).
+ *
+ * Engine: 3D runs trace rays through a bounding-volume hierarchy that gives the
+ * BSP tree's hits bit for bit (rays it cannot certify are traced by the tree), so
+ * the result does not depend on the choice. The environment variable
+ * HEMIRAY_ENGINE, read at every call, chooses: "bsp" traces every ray by the tree,
+ * "bvh" (also when unset or empty) uses the hierarchy; any other value prints one
+ * "warning: " line on standard error and uses the hierarchy.
  */
 #ifndef HEMIRAY_RAYTRACING_H
 #define HEMIRAY_RAYTRACING_H
