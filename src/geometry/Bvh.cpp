@@ -164,8 +164,18 @@ public:
         } else if (count <= leafFaceLimit) {
             return index;
         }
+        // Split counts are rounded to whole groups of four, moving the few faces
+        // nearest the split: then only one leaf of the tree has a partial group, and
+        // the groups' lanes are nearly all in use.
+        const uint32_t groupAligned = (middle - begin + 2) / 4 * 4;
+        if (middle != begin && middle != end && groupAligned > 0 && groupAligned < count &&
+            groupAligned != middle - begin) {
+            middle = begin + groupAligned;
+            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+        }
         if (middle == begin || middle == end) {
-            middle = begin + count / 2;
+            middle = begin + std::max<uint32_t>(count / 8 * 4, 1);
             std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
                              [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
         }
@@ -308,35 +318,37 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
     const auto cornersOf = [&](int32_t f) {
         return faces.faceNodeStart[static_cast<size_t>(f) + 1] - faces.faceNodeStart[static_cast<size_t>(f)];
     };
+    // A leaf's faces by node count: triangle groups, quad groups, then the rest.
     const auto makeLeaf = [&](const BuildNode& b) {
-        Leaf leaf{};
-        leaf.groupOffset = groups_.size();
-        leaf.firstGroup = static_cast<uint32_t>(groupFace_.size() / 4);
-        leaf.firstOther = static_cast<uint32_t>(otherFace_.size());
-        std::vector<int32_t> byCorners[2];
+        const auto first = static_cast<int32_t>(leaves_.size());
+        HEMIRAY_CHECK(leaves_.size() < static_cast<size_t>(INT32_MAX), "leaf entries fit 31 bits");
+        std::vector<int32_t> byCorners[3];
         for (uint32_t i = b.begin; i < b.end; ++i) {
             const int32_t f = refs[i].face;
             const int32_t corners = cornersOf(f);
-            if (corners == 3 || corners == 4) byCorners[corners - 3].push_back(f);
-            else otherFace_.push_back(f);
+            byCorners[corners == 3 ? 0 : corners == 4 ? 1 : 2].push_back(f);
         }
-        leaf.otherCount = static_cast<uint32_t>(otherFace_.size()) - leaf.firstOther;
-        for (int kind = 0; kind < 2; ++kind) {
+        size_t lastHeader = 0;
+        for (int kind = 0; kind < 3; ++kind) {
             const std::vector<int32_t>& list = byCorners[kind];
+            const int corners = kind == 2 ? 0 : kind + 3;
             for (size_t i = 0; i < list.size(); i += 4) {
                 const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
-                const size_t at = groups_.size();
-                groups_.resize(at + polygonGroupEntries(kind + 3));
-                packPolygonGroup(faces, list.data() + i, count, kind + 3, groups_.data() + at);
-                for (int lane = 0; lane < 4; ++lane)
-                    groupFace_.push_back(lane < count ? list[i + static_cast<size_t>(lane)] : -1);
+                lastHeader = leaves_.size();
+                GroupHeader header{{-1, -1, -1, -1}, corners, 0, {0, 0}};
+                for (int lane = 0; lane < count; ++lane) header.face[lane] = list[i + static_cast<size_t>(lane)];
+                leaves_.emplace_back();
+                std::memcpy(leaves_.back().v, &header, sizeof header);
+                if (corners == 0) continue;
+                leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
+                packPolygonGroup(faces, list.data() + i, count, corners, leaves_.data() + lastHeader + 1);
             }
-            const auto groupCount = static_cast<uint16_t>((list.size() + 3) / 4);
-            if (kind == 0) leaf.triangleGroups = groupCount;
-            else leaf.quadGroups = groupCount;
         }
-        leaves_.push_back(leaf);
-        return ~static_cast<int32_t>(leaves_.size() - 1);
+        GroupHeader header;
+        std::memcpy(&header, leaves_[lastHeader].v, sizeof header);
+        header.last = 1;
+        std::memcpy(leaves_[lastHeader].v, &header, sizeof header);
+        return ~first;
     };
 
     // Collapse: a node takes its two children and keeps opening the interior child
@@ -379,12 +391,31 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         return index;
     };
     rootCode_ = collapse(collapse, 0);
+    nodes_.shrink_to_fit();
+    leaves_.shrink_to_fit();
 }
 
 size_t Bvh::bytes() const {
-    return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Leaf) +
-           groups_.capacity() * sizeof(Lanes4) + groupFace_.capacity() * sizeof(int32_t) +
-           otherFace_.capacity() * sizeof(int32_t);
+    return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Lanes4);
+}
+
+bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
+    const NodeArray& nodes = *faces_->nodes;
+    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
+    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1]);
+    const int count = hit.group ? hit.corners : static_cast<int>(end - begin);
+    for (int i = 0; i < 3; ++i) {
+        bool below = false, above = false;
+        for (int k = 0; k < count; ++k) {
+            // In a group the nodes lie at entries 4 + 3 k (the last node, then the others).
+            const double x = hit.group ? hit.group[4 + 3 * k + i].v[hit.lane]
+                                       : nodes[static_cast<size_t>(faces_->faceNodes[begin + static_cast<size_t>(k)])].v[i];
+            below = below || x - slack <= p.v[i];
+            above = above || x + slack >= p.v[i];
+        }
+        if (!(below && above)) return false;
+    }
+    return true;
 }
 
 // The query, inlined into one form per instruction set. Children are visited
@@ -409,12 +440,15 @@ template <bool Wide>
     __m128 limitF = _mm_set1_ps(roundUp(limit));
     const __m128 zero = _mm_setzero_ps();
 
-    const auto tryFace = [&](int32_t face, double t) {
+    const auto tryFace = [&](int32_t face, double t, const Lanes4* group, int lane, int corners) {
         if (!best.found || t < best.t) {
             best.found = true;
             best.tie = false;
             best.face = face;
             best.t = t;
+            best.group = group;
+            best.lane = lane;
+            best.corners = corners;
         } else if (t == best.t) {
             best.tie = true;
         }
@@ -454,6 +488,19 @@ template <bool Wide>
             for (int k = 0; k < 4; ++k) {
                 if (!(mask & (1u << k))) continue;
                 Entry e{node.child[k], nearOf[k]};
+                // Most of a query's time is waiting for memory: ask for every child
+                // that will be visited before the first is needed.
+                if (e.code >= 0) {
+                    const char* at = reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
+                    __builtin_prefetch(at);
+                    __builtin_prefetch(at + 64);
+                } else {
+                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
+                    __builtin_prefetch(at);
+                    __builtin_prefetch(at + 64);
+                    __builtin_prefetch(at + 128);
+                    __builtin_prefetch(at + 192);
+                }
                 int j = hitCount++;
                 while (j > 0 && hits[j - 1].tNear > e.tNear) {
                     hits[j] = hits[j - 1];
@@ -466,24 +513,29 @@ template <bool Wide>
         }
         if (code == INT32_MAX) continue;
 
-        const Bvh::Leaf& leaf = bvh.leaves_[static_cast<size_t>(~code)];
-        const Lanes4* group = bvh.groups_.data() + leaf.groupOffset;
-        const int32_t* groupFace = bvh.groupFace_.data() + 4 * static_cast<size_t>(leaf.firstGroup);
+        const Lanes4* item = bvh.leaves_.data() + ~code;
         alignas(32) double t[4];
-        const int groupCount = leaf.triangleGroups + leaf.quadGroups;
-        for (int g = 0; g < groupCount; ++g) {
-            const bool triangles = g < leaf.triangleGroups;
-            unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
-            group += triangles ? polygonGroupEntries(3) : polygonGroupEntries(4);
-            for (; bits != 0; bits &= bits - 1) {
-                const int lane = __builtin_ctz(bits);
-                tryFace(groupFace[4 * g + lane], t[lane]);
+        for (;;) {
+            Bvh::GroupHeader header;
+            std::memcpy(&header, item->v, sizeof header);
+            const Lanes4* group = item + 1;
+            if (header.corners == 0) {
+                for (int lane = 0; lane < 4 && header.face[lane] >= 0; ++lane) {
+                    double tf = 0;
+                    if (intersectPolygon(*bvh.faces_, header.face[lane], O, D, 0.0, limit, tf))
+                        tryFace(header.face[lane], tf, nullptr, lane, 0);
+                }
+                item = group;
+            } else {
+                const bool triangles = header.corners == 3;
+                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
+                for (; bits != 0; bits &= bits - 1) {
+                    const int lane = __builtin_ctz(bits);
+                    tryFace(header.face[lane], t[lane], group, lane, header.corners);
+                }
+                item = group + polygonGroupEntries(header.corners);
             }
-        }
-        for (uint32_t k = 0; k < leaf.otherCount; ++k) {
-            const int32_t face = bvh.otherFace_[leaf.firstOther + k];
-            double tf = 0;
-            if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, limit, tf)) tryFace(face, tf);
+            if (header.last) break;
         }
         if (best.found && best.t < limit) {
             limit = best.t;

@@ -51,6 +51,9 @@ struct NearestHit {
     bool tie = false;  // some other face passes its test with the same t
     int32_t face = -1;
     double t = 0;
+    const Lanes4* group = nullptr;  // the face's polygon group, null for a face tested alone
+    int lane = 0;
+    int corners = 0;
 };
 
 class Bvh {
@@ -64,23 +67,26 @@ public:
     // tmax (t equal to tmax accepted), over all faces; not found when none passes.
     [[nodiscard]] NearestHit nearest(const Vec3& O, const Vec3& D, double tmax) const;
 
-    // Bytes held by the tree (nodes, leaves, groups, face lists).
+    // Whether p lies in the box of the nodes of the hit's face, widened by slack.
+    [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const;
+
+    // Bytes held by the tree (nodes and leaves).
     size_t bytes() const;
     size_t nodeCount() const { return nodes_.size(); }
 
     struct alignas(16) Node {
         float lo[3][4];    // per axis, the children's lower box corners
         float hi[3][4];    // and upper ones
-        int32_t child[4];  // >= 0: a node; < 0: ~(leaf index)
+        int32_t child[4];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
         uint32_t count;    // children in use
     };
-    struct Leaf {
-        size_t groupOffset;   // first entry of the leaf's groups, triangles first
-        uint32_t firstGroup;  // the groups' faces start at groupFace_[4 firstGroup]
-        uint16_t triangleGroups;
-        uint16_t quadGroups;
-        uint32_t firstOther;  // faces tested one by one: otherFace_[firstOther ..]
-        uint32_t otherCount;
+    // A leaf is a run of groups in leaves_, each a header entry followed by its
+    // polygon entries (none for faces tested alone by intersectPolygon).
+    struct GroupHeader {
+        int32_t face[4];  // -1 in empty lanes
+        int32_t corners;  // 3 or 4; 0: faces tested alone
+        int32_t last;     // 1 in the leaf's last group
+        int32_t unused[2];
     };
 
 private:
@@ -90,13 +96,10 @@ private:
     const FaceSet* faces_;  // not owned
     Vec3 base_;
     bool avx2_ = false;
-    int32_t rootCode_ = 0;  // a node index, or ~(leaf index) when the root is a leaf
+    int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
     bool empty_ = true;
     std::vector<Node> nodes_;
-    std::vector<Leaf> leaves_;
-    std::vector<Lanes4> groups_;
-    std::vector<int32_t> groupFace_;  // four per group, -1 in empty lanes
-    std::vector<int32_t> otherFace_;
+    std::vector<Lanes4> leaves_;
 };
 
 }  // namespace hemiray

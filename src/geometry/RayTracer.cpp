@@ -81,7 +81,7 @@ TraceEngine traceEngineFromEnvironment() {
 }
 
 RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngine engine)
-    : tree_(tree), faces_(&faces) {
+    : tree_(tree) {
     if (engine != TraceEngine::Bvh || tree.dimension() != 3 || faces.faceCount() <= 0) return;
     if (!finite(tree.boxMin()) || !finite(tree.boxMax()) || !finiteModel(faces)) return;
     double magnitude = 0, extent = 0;
@@ -118,23 +118,6 @@ bool RayTracer::clearOfSplits(const Vec3& p) const {
     return true;
 }
 
-bool RayTracer::insideFaceBox(const Vec3& p, int32_t face) const {
-    const double slack = 0.5 * margin_;
-    const NodeArray& nodes = *faces_->nodes;
-    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(face)]);
-    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(face) + 1]);
-    for (int i = 0; i < 3; ++i) {
-        bool below = false, above = false;
-        for (size_t k = begin; k < end; ++k) {
-            const double x = nodes[static_cast<size_t>(faces_->faceNodes[k])].v[i];
-            below = below || x - slack <= p.v[i];
-            above = above || x + slack >= p.v[i];
-        }
-        if (!(below && above)) return false;
-    }
-    return true;
-}
-
 template <class Count>
 bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                           Count& fallbacks) const {
@@ -145,7 +128,7 @@ bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t&
         const NearestHit nearest = bvh_->nearest(O, D, tExit);
         if (!nearest.found) return false;
         const Vec3 P = O + D * nearest.t;
-        if (!nearest.tie && clearOfSplits(P) && insideFaceBox(P, nearest.face)) {
+        if (!nearest.tie && clearOfSplits(P) && bvh_->insideFaceBox(nearest, P, 0.5 * margin_)) {
             hitPoint = P;
             hitFace = nearest.face;
             return true;

@@ -42,10 +42,8 @@ private:
     bool traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                    Count& fallbacks) const;
     bool clearOfSplits(const Vec3& p) const;
-    bool insideFaceBox(const Vec3& p, int32_t face) const;
 
     const TraversalTree& tree_;
-    const FaceSet* faces_;
     std::unique_ptr<Bvh> bvh_;
     double margin_ = 0;         // clearance from split planes, in coordinates
     double gridLow_[3] = {};    // the root box
