@@ -400,20 +400,23 @@ size_t Bvh::bytes() const {
 }
 
 bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
-    const NodeArray& nodes = *faces_->nodes;
-    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
-    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1]);
-    const int count = hit.group ? hit.corners : static_cast<int>(end - begin);
-    for (int i = 0; i < 3; ++i) {
-        bool below = false, above = false;
-        for (int k = 0; k < count; ++k) {
-            // In a group the nodes lie at entries 4 + 3 k (the last node, then the others).
-            const double x = hit.group ? hit.group[4 + 3 * k + i].v[hit.lane]
-                                       : nodes[static_cast<size_t>(faces_->faceNodes[begin + static_cast<size_t>(k)])].v[i];
-            below = below || x - slack <= p.v[i];
-            above = above || x + slack >= p.v[i];
+    // The nodes of the face: from its group, which the query has just read (the last
+    // node at entry 4, the others from entry 7 on), or from the face set.
+    const auto nodeAt = [&](int k, int axis) {
+        if (hit.group) return hit.group[4 + 3 * k + axis].v[hit.lane];
+        const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
+        return (*faces_->nodes)[static_cast<size_t>(faces_->faceNodes[begin + static_cast<size_t>(k)])].v[axis];
+    };
+    const int count = hit.group ? hit.corners
+                                : faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1] -
+                                      faces_->faceNodeStart[static_cast<size_t>(hit.face)];
+    for (int axis = 0; axis < 3; ++axis) {
+        double lo = nodeAt(0, axis), hi = lo;
+        for (int k = 1; k < count; ++k) {
+            lo = std::min(lo, nodeAt(k, axis));
+            hi = std::max(hi, nodeAt(k, axis));
         }
-        if (!(below && above)) return false;
+        if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
     }
     return true;
 }
