@@ -6,7 +6,7 @@
 // and add may be fused, so every lane rounds as intersectPolygon does.
 #include "geometry/Bvh.h"
 
-#include <immintrin.h>
+#include <xmmintrin.h>
 
 #include <algorithm>
 #include <cmath>
@@ -22,6 +22,8 @@ namespace {
 
 typedef double V4d __attribute__((vector_size(32)));
 typedef long long V4l __attribute__((vector_size(32)));
+typedef float V8f __attribute__((vector_size(32)));
+typedef int V8i __attribute__((vector_size(32)));
 
 // Boxes are padded by this share of the scene's extent on every side: far more
 // than the float rounding of box corners, ray origin, direction and entry
@@ -33,19 +35,26 @@ constexpr int binCount = 16;
 // Below this depth the build splits at the median, which bounds the depth and with
 // it the query's stack.
 constexpr int sahDepthLimit = 48;
-// The query defers at most three children per level; the depth stays below
+// The query defers at most seven children per level; the depth stays below
 // sahDepthLimit + 32 (median splits halve the faces).
-constexpr int stackSize = 256;
-constexpr int maxTreeDepth = stackSize / 3 - 1;
+constexpr int stackSize = 1024;
+constexpr int maxTreeDepth = stackSize / 7 - 1;
 
 float roundDown(double x) {
     float f = static_cast<float>(x);
     if (static_cast<double>(f) > x) f = std::nextafter(f, -std::numeric_limits<float>::infinity());
     return f;
 }
+// The float at or above x; inline, since the query calls it after every better hit.
 float roundUp(double x) {
     float f = static_cast<float>(x);
-    if (static_cast<double>(f) < x) f = std::nextafter(f, std::numeric_limits<float>::infinity());
+    if (static_cast<double>(f) < x) {
+        if (f == 0.0f) return std::numeric_limits<float>::denorm_min();
+        uint32_t bits = 0;
+        std::memcpy(&bits, &f, sizeof bits);
+        bits = f > 0 ? bits + 1 : bits - 1;  // the next float up, the largest one going to infinity
+        std::memcpy(&f, &bits, sizeof f);
+    }
     return f;
 }
 
@@ -212,6 +221,8 @@ template <int Corners>
     const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
     const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
     V4l miss = (den >= 0) | (t <= at(3)) | (t > broadcast(tmax));
+    // Lanes facing away or out of range need no edge test; t matters only on a hit.
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     V4d p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
         const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1], c2 = at(9 + 3 * k) - r.O[2];
@@ -352,13 +363,13 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
     };
 
     // Collapse: a node takes its two children and keeps opening the interior child
-    // of largest area until it has four.
+    // of largest area until it has eight.
     const auto collapse = [&](auto& self, int32_t b) -> int32_t {
         const BuildNode& bn = bnodes[static_cast<size_t>(b)];
         if (bn.child[0] < 0) return makeLeaf(bn);
-        int32_t kids[4] = {bn.child[0], bn.child[1], -1, -1};
+        int32_t kids[Bvh::width] = {bn.child[0], bn.child[1]};
         int used = 2;
-        while (used < 4) {
+        while (used < Bvh::width) {
             int pick = -1;
             double pickArea = -1;
             for (int k = 0; k < used; ++k) {
@@ -375,7 +386,7 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         }
         const auto index = static_cast<int32_t>(nodes_.size());
         nodes_.push_back(Node{});
-        for (int k = 0; k < 4; ++k) {
+        for (int k = 0; k < Bvh::width; ++k) {
             Node& node = nodes_[static_cast<size_t>(index)];
             const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
             for (int i = 0; i < 3; ++i) {
@@ -432,16 +443,17 @@ template <bool Wide>
     NearestHit best;
     if (bvh.empty_) return best;
     const Ray4 lanes = rayLanes(O, D);
-    __m128 org[3], inv[3];
+    V8f org[3], inv[3];
     for (int i = 0; i < 3; ++i) {
-        org[i] = _mm_set1_ps(static_cast<float>(O.v[i] - bvh.base_.v[i]));
+        const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
         float d = static_cast<float>(D.v[i]);
         if (!(std::abs(d) >= 1e-30f)) d = std::signbit(d) ? -1e-30f : 1e-30f;
-        inv[i] = _mm_set1_ps(1.0f / d);
+        org[i] = V8f{o, o, o, o, o, o, o, o};
+        const float id = 1.0f / d;
+        inv[i] = V8f{id, id, id, id, id, id, id, id};
     }
     double limit = tmax;
-    __m128 limitF = _mm_set1_ps(roundUp(limit));
-    const __m128 zero = _mm_setzero_ps();
+    float limitF = roundUp(limit);
 
     const auto tryFace = [&](int32_t face, double t, const Lanes4* group, int lane, int corners) {
         if (!best.found || t < best.t) {
@@ -466,43 +478,46 @@ template <bool Wide>
     stack[top++] = Entry{bvh.rootCode_, 0.0f};
     while (top > 0) {
         const Entry entry = stack[--top];
-        if (entry.tNear > _mm_cvtss_f32(limitF)) continue;
+        if (entry.tNear > limitF) continue;
         int32_t code = entry.code;
         while (code >= 0) {
             const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
-            __m128 tNear = zero, tFar = limitF;
+            V8f tNear = V8f{} , tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
-                const __m128 t0 = _mm_mul_ps(_mm_sub_ps(_mm_load_ps(node.lo[i]), org[i]), inv[i]);
-                const __m128 t1 = _mm_mul_ps(_mm_sub_ps(_mm_load_ps(node.hi[i]), org[i]), inv[i]);
-                tNear = _mm_max_ps(tNear, _mm_min_ps(t0, t1));
-                tFar = _mm_min_ps(tFar, _mm_max_ps(t0, t1));
+                const V8f t0 = (*reinterpret_cast<const V8f*>(node.lo[i]) - org[i]) * inv[i];
+                const V8f t1 = (*reinterpret_cast<const V8f*>(node.hi[i]) - org[i]) * inv[i];
+                const V8f tLow = t0 < t1 ? t0 : t1;
+                const V8f tHigh = t0 < t1 ? t1 : t0;
+                tNear = tNear < tLow ? tLow : tNear;
+                tFar = tHigh < tFar ? tHigh : tFar;
             }
-            unsigned mask = static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(tNear, tFar))) &
-                            ((1u << node.count) - 1u);
+            const V8i hit = tNear <= tFar;
+            __m128 halves[2];
+            std::memcpy(halves, &hit, sizeof halves);
+            unsigned mask = static_cast<unsigned>(_mm_movemask_ps(halves[0]) | _mm_movemask_ps(halves[1]) << 4);
+            mask &= (1u << node.count) - 1u;
             if (mask == 0) {
                 code = INT32_MAX;  // nothing here: take the next entry
                 break;
             }
-            alignas(16) float nearOf[4];
-            _mm_store_ps(nearOf, tNear);
+            if ((mask & (mask - 1)) == 0) {  // one child: no order to settle
+                code = node.child[__builtin_ctz(mask)];
+                continue;
+            }
             // The hit children by entry, nearest first.
-            Entry hits[4];
+            Entry hits[Bvh::width];
             int hitCount = 0;
-            for (int k = 0; k < 4; ++k) {
-                if (!(mask & (1u << k))) continue;
-                Entry e{node.child[k], nearOf[k]};
+            for (; mask != 0; mask &= mask - 1) {
+                const int k = __builtin_ctz(mask);
+                Entry e{node.child[k], tNear[k]};
                 // Most of a query's time is waiting for memory: ask for every child
                 // that will be visited before the first is needed.
                 if (e.code >= 0) {
                     const char* at = reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
-                    __builtin_prefetch(at);
-                    __builtin_prefetch(at + 64);
+                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
                 } else {
                     const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
-                    __builtin_prefetch(at);
-                    __builtin_prefetch(at + 64);
-                    __builtin_prefetch(at + 128);
-                    __builtin_prefetch(at + 192);
+                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
                 }
                 int j = hitCount++;
                 while (j > 0 && hits[j - 1].tNear > e.tNear) {
@@ -542,7 +557,7 @@ template <bool Wide>
         }
         if (best.found && best.t < limit) {
             limit = best.t;
-            limitF = _mm_set1_ps(roundUp(limit));
+            limitF = roundUp(limit);
         }
     }
     return best;

@@ -74,10 +74,11 @@ public:
     size_t bytes() const;
     size_t nodeCount() const { return nodes_.size(); }
 
-    struct alignas(16) Node {
-        float lo[3][4];    // per axis, the children's lower box corners
-        float hi[3][4];    // and upper ones
-        int32_t child[4];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
+    static constexpr int width = 8;  // children per node
+    struct alignas(32) Node {
+        float lo[3][width];    // per axis, the children's lower box corners
+        float hi[3][width];    // and upper ones
+        int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
         uint32_t count;    // children in use
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its

@@ -112,8 +112,10 @@ bool RayTracer::clearOfSplits(const Vec3& p) const {
     for (int i = 0; i < 3; ++i) {
         const double x = p.v[i];
         if (!(x > gridLow_[i] + margin_ && x < gridHigh_[i] - margin_)) return false;
+        // u lies in (0, 2^60]: its nearest integer by truncating u + 0.5.
         const double u = (x - gridLow_[i]) * gridScale_[i];
-        if (!(std::abs(u - std::nearbyint(u)) > gridMargin_[i])) return false;
+        const auto nearest = static_cast<double>(static_cast<int64_t>(u + 0.5));
+        if (!(std::abs(u - nearest) > gridMargin_[i])) return false;
     }
     return true;
 }
