@@ -55,7 +55,7 @@ for (model, _), b in sorted(alternating.items()):
           f"| {b['bvhRate'] / b['bspRate']:.2f} | {b['fallbackShare']:.2e} "
           f"| {b['bspBuildS']:.3f} / {b['bvhBuildS']:.3f} / {b['embreeBuildS']:.3f} "
           f"| {b['bspBytesPerFace']:.0f} / {b['bvhBytesPerFace']:.0f} |")
-print("\nSeparate benchmarks per engine (medians of 5, rays/s per thread):\n")
+print("\nSeparate benchmarks per engine (medians, rays/s per thread):\n")
 print("| model | faces | threads | BSP rays/s/thread | BVH rays/s/thread | Embree rays/s/thread "
       "| BVH / Embree | same face |")
 print("|---|---:|---:|---:|---:|---:|---:|---:|")
