@@ -401,9 +401,22 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         }
         return index;
     };
+    // The leaves' exact size first, so that they are allocated once: growing them
+    // would hold up to twice their size at the peak of the build.
+    size_t leafEntries = 0;
+    for (const BuildNode& b : bnodes) {
+        if (b.child[0] >= 0) continue;
+        size_t count[3] = {0, 0, 0};
+        for (uint32_t i = b.begin; i < b.end; ++i) {
+            const int32_t corners = cornersOf(refs[i].face);
+            ++count[corners == 3 ? 0 : corners == 4 ? 1 : 2];
+        }
+        for (int kind = 0; kind < 3; ++kind)
+            leafEntries += (count[kind] + 3) / 4 * (1 + (kind == 2 ? 0 : polygonGroupEntries(kind + 3)));
+    }
+    leaves_.reserve(leafEntries);
     rootCode_ = collapse(collapse, 0);
     nodes_.shrink_to_fit();
-    leaves_.shrink_to_fit();
 }
 
 size_t Bvh::bytes() const {
