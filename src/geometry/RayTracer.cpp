@@ -26,6 +26,10 @@
 //       L*'s list would win there.
 // Then L* returns f* with limit t*, and the walk's hit point O + t* D is P*. With no
 // face passing at all the walk finds none either: every limit it uses is at most tExit.
+// An origin clear inside the root box always passes the clip, and on every axis the
+// clip's exit lies beyond a P* that is clear inside the box, so the BVH may search
+// with no upper limit (DBL_MAX) and skip the clip: a face it finds beyond the exit
+// would have P* outside the box, which the certificate refuses.
 //
 // "Clear" is tested against a grid instead of the splits themselves: every split is
 // the midpoint of its node's box, so on each axis all of them lie on the dyadic grid
@@ -45,6 +49,8 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+
+#include "geometry/RayMath.h"
 
 namespace hemiray {
 
@@ -124,10 +130,10 @@ template <class Count>
 bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                           Count& fallbacks) const {
     if (!bvh_) return tree_.trace(O, D, hitPoint, hitFace);
-    double tEnter = 0, tExit = 0;
-    if (!tree_.clip(O, D, tEnter, tExit)) return false;
     if (finite(D) && clearOfSplits(O)) {
-        const NearestHit nearest = bvh_->nearest(O, D, tExit);
+        // No clip: it accepts every origin inside the root box, and its exit lies
+        // beyond any P* that is clear inside the box.
+        const NearestHit nearest = bvh_->nearest(O, D, raymath::dblMax);
         if (!nearest.found) return false;
         const Vec3 P = O + D * nearest.t;
         if (!nearest.tie && clearOfSplits(P) && bvh_->insideFaceBox(nearest, P, 0.5 * margin_)) {
@@ -136,6 +142,9 @@ bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t&
             return true;
         }
     }
+    // A ray that misses the root box is no fallback: the walk would not start either.
+    double tEnter = 0, tExit = 0;
+    if (!tree_.clip(O, D, tEnter, tExit)) return false;
     ++fallbacks;
     return tree_.traverse(O, D, hitPoint, hitFace, tEnter, tExit);
 }
