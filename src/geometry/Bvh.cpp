@@ -1,4 +1,4 @@
-// The BVH of Bvh.h: build (binned SAH, collapse to four-wide nodes, leaf packing)
+// The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, leaf packing)
 // and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
 // processor has it, and for the baseline (SSE2). Both forms run the same source;
 // the group test is written with generic vectors of four doubles, which the

@@ -1,6 +1,6 @@
 // A bounding-volume hierarchy over the faces of a 3D run, for finding a ray's
 // nearest face hit fast: a binned surface-area-heuristic build, collapsed to nodes
-// of four children with float boxes rounded outward, and leaves of at most eight
+// of eight children with float boxes rounded outward, and leaves of at most eight
 // faces stored as groups of four polygons in structure-of-arrays doubles that are
 // tested four at a time. Every face lies in exactly one leaf.
 //
