@@ -31,6 +31,9 @@ typedef int V8i __attribute__((vector_size(32)));
 // lies in its face's node box.
 constexpr double boxPadding = 1e-5;
 constexpr uint32_t leafFaceLimit = 8;
+// Warped polygons are tested for every ray; with more than this many the BVH would
+// be no faster than the walk.
+constexpr size_t maxAlwaysTested = 64;
 constexpr int binCount = 16;
 // Below this depth the build splits at the median, which bounds the depth and with
 // it the query's stack.
@@ -95,6 +98,30 @@ struct BuildNode {
     uint32_t begin = 0;
     uint32_t end = 0;
 };
+
+// Whether every point the polygon test can accept lies in the face's node box, up
+// to rounding: true for triangles and for polygons whose nodes lie in one plane
+// (within 1e-9 of the face's size). A warped polygon is hit on the plane through its
+// last node, inside the cone from O over its edges, which for a ray nearly in that
+// plane reaches far beyond the nodes. Faces with a zero area vector never pass.
+bool flatFace(const FaceSet& faces, int32_t f) {
+    const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
+    const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
+    const Vec3& n = faces.faceNormal[static_cast<size_t>(f)];
+    const double area = norm(n);
+    if (end - begin <= 3 || !(area > 0)) return true;
+    const NodeArray& nodes = *faces.nodes;
+    const auto node = [&](int32_t k) -> const Vec3& {
+        return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])];
+    };
+    const Vec3& last = node(end - 1);
+    double size = 0, offPlane = 0;
+    for (int32_t k = begin; k < end; ++k) {
+        size = std::max(size, norm(node(k) - last));
+        offPlane = std::max(offPlane, std::abs(dot(node(k) - last, n)) / area);
+    }
+    return offPlane <= 1e-9 * size;
+}
 
 // Groups of four are what a leaf pays for.
 double groupCost(uint32_t count) { return static_cast<double>((count + 3) / 4); }
@@ -296,13 +323,16 @@ bool cpuHasAvx2() {
 Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
     avx2_ = cpuHasAvx2();
     const int32_t faceCount = faces.faceCount();
-    if (faceCount <= 0) return;
-    empty_ = false;
     const NodeArray& nodes = *faces.nodes;
     const double pad = boxPadding * extent;
 
-    std::vector<Ref> refs(static_cast<size_t>(faceCount));
+    std::vector<Ref> refs;
+    refs.reserve(static_cast<size_t>(faceCount));
     for (int32_t f = 0; f < faceCount; ++f) {
+        if (!flatFace(faces, f)) {
+            alwaysTested_.push_back(f);
+            continue;
+        }
         double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
         const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
         const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
@@ -313,7 +343,7 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
                 hi[i] = k == begin ? p.v[i] : std::max(hi[i], p.v[i]);
             }
         }
-        Ref& r = refs[static_cast<size_t>(f)];
+        Ref& r = refs.emplace_back();
         r.face = f;
         for (int i = 0; i < 3; ++i) {
             r.box.lo[i] = roundDown(lo[i] - pad);
@@ -322,8 +352,11 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         }
     }
 
+    usable_ = alwaysTested_.size() <= maxAlwaysTested;
+    if (!usable_ || refs.empty()) return;
+    empty_ = false;
     Builder builder(refs);
-    builder.build(0, static_cast<uint32_t>(faceCount), 0);
+    builder.build(0, static_cast<uint32_t>(refs.size()), 0);
     const std::vector<BuildNode>& bnodes = builder.nodes();
 
     const auto cornersOf = [&](int32_t f) {
@@ -454,7 +487,6 @@ template <bool Wide>
 [[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
                                                    double tmax) {
     NearestHit best;
-    if (bvh.empty_) return best;
     const Ray4 lanes = rayLanes(O, D);
     V8f org[3], inv[3];
     for (int i = 0; i < 3; ++i) {
@@ -481,6 +513,17 @@ template <bool Wide>
             best.tie = true;
         }
     };
+
+    for (const int32_t face : bvh.alwaysTested_) {
+        double tf = 0;
+        if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, best.found ? best.t : tmax, tf))
+            tryFace(face, tf, nullptr, 0, 0);
+    }
+    if (best.found) {
+        limit = best.t;
+        limitF = roundUp(limit);
+    }
+    if (bvh.empty_) return best;
 
     struct Entry {
         int32_t code;

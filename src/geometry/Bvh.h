@@ -58,7 +58,8 @@ struct NearestHit {
 
 class Bvh {
 public:
-    // Builds over every face of `faces` (3D); the face set must outlive the tree.
+    // Builds over every face of `faces` (3D) except warped polygons, which every
+    // query tests directly; the face set must outlive the tree.
     // base and extent place the float boxes: coordinates are stored relative to base,
     // and every box is padded by a small share of extent.
     Bvh(const FaceSet& faces, const Vec3& base, double extent);
@@ -69,6 +70,10 @@ public:
 
     // Whether p lies in the box of the nodes of the hit's face, widened by slack.
     [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const;
+
+    // False when so many faces are warped polygons (tested for every ray, outside
+    // the hierarchy) that the BVH should not be used.
+    bool usable() const { return usable_; }
 
     // Bytes held by the tree (nodes and leaves).
     size_t bytes() const;
@@ -98,9 +103,11 @@ private:
     Vec3 base_;
     bool avx2_ = false;
     int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
-    bool empty_ = true;
+    bool empty_ = true;   // no face in the hierarchy
+    bool usable_ = true;
     std::vector<Node> nodes_;
     std::vector<Lanes4> leaves_;
+    std::vector<int32_t> alwaysTested_;  // warped polygons, outside the hierarchy
 };
 
 }  // namespace hemiray

@@ -21,7 +21,12 @@
 //       t*, where no face passes (t* is the smallest t of all);
 //   (c) P* lies in the box of f*'s nodes: on each split on the way to L*, P* is
 //       clear on one side, so f* has a node strictly on that side and is listed
-//       there; a face straddling a split is listed on both sides. So f* is in L*;
+//       there; a face straddling a split is listed on both sides. So f* is in L*.
+//       (That t* is the smallest t of all rests on the BVH's boxes holding every
+//       point a face's test can accept: true for triangles and flat polygons up to
+//       rounding far below the boxes' padding; warped polygons, whose hits can lie
+//       far outside their nodes' box, are tested outside the hierarchy for every
+//       ray, and a model with many of them does not use the BVH);
 //   (d) no other face passes with t exactly t*: otherwise the later of the two in
 //       L*'s list would win there.
 // Then L* returns f* with limit t*, and the walk's hit point O + t* D is P*. With no
@@ -110,6 +115,7 @@ RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngin
         if (!(gridMargin_[i] < 0.25)) return;
     }
     bvh_ = std::make_unique<Bvh>(faces, tree.boxMin(), extent);
+    if (!bvh_->usable()) bvh_.reset();
 }
 
 RayTracer::~RayTracer() = default;

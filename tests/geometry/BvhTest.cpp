@@ -24,9 +24,10 @@ void PrintTo(const TracerCase& c, std::ostream* os) { *os << meshes::nameOf(c.ki
 class BvhTracer : public ::testing::TestWithParam<TracerCase> {};
 
 // A random enclosure plus faces in the root box's first split planes (x at one half
-// and one quarter, y at one half), a duplicate face (exact ties), zero-area faces
-// and hexagons; rays from random points, from split-plane points, at shared nodes,
-// and restarted from hit points as mirror and periodic steps do.
+// and one quarter, y at one half; pentagons among them), a duplicate face (exact
+// ties), zero-area faces and a warped quad; rays from random points, from
+// split-plane points, at shared nodes, and restarted from hit points as mirror and
+// periodic steps do.
 TEST_P(BvhTracer, ReturnsTheWalksHits) {
     const auto mesh = meshes::withFaceCount(GetParam().kind, 3000, 11);
     for (Vec3& p : mesh->nodes) p = p + Vec3(GetParam().offset, GetParam().offset, GetParam().offset);
@@ -51,6 +52,7 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
     for (int k = 0; k < 2; ++k) addFace({mesh->nodes[0], mesh->nodes[1], mesh->nodes[2]});  // a tie pair
     addFace({c, c + Vec3(0.1, 0.1, 0.1), c + Vec3(0.2, 0.2, 0.2)});  // collinear: zero area
     addFace({c, c, c + Vec3(0, 0.1, 0.3)});
+    addFace({c + Vec3(0.3, 0, 0), c + Vec3(0.5, 0, 0.06), c + Vec3(0.5, 0.2, 0), c + Vec3(0.3, 0.2, 0.05)});  // warped
     computeFaceGeometry(mesh->faces);
     const TraversalTree tree(BspNode(3, &view, true));
     std::cout.rdbuf(console);
