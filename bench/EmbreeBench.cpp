@@ -16,6 +16,7 @@
 #include <embree3/rtcore.h>
 
 #include <chrono>
+#include <ctime>
 #include <cmath>
 #include <iostream>
 #include <limits>
@@ -26,6 +27,7 @@
 #include "models/BenchModels.h"
 #include "Hemisphere"
 #include "geometry/BspTree.h"
+#include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
 
 namespace hemiray::bench {
@@ -38,6 +40,10 @@ struct Scene {
     MeshView view;
     std::unique_ptr<BspNode> tree;
     std::unique_ptr<TraversalTree> flat;
+    std::unique_ptr<RayTracer> tracer;  // the BVH engine of 3D runs
+    double bspBuildSeconds = 0, bvhBuildSeconds = 0, embreeBuildSeconds = 0;
+    uint64_t fallbacks = 0;   // rays of the set that the BVH handed to the flat tree
+    uint64_t mismatches = 0;  // rays whose BVH answer differs from the flat tree's (must be 0)
     std::vector<BenchRay> rays;
     std::vector<int32_t> ourFaces;  // this library's hit face per ray, -1 for none
     RTCDevice device = nullptr;
@@ -49,10 +55,27 @@ struct Scene {
     }
 };
 
-// This library's trace as the run calls it: the tree's flat copy.
+// This library's trace through the BSP tree's flat copy (HEMIRAY_ENGINE=bsp).
 bool traceOurs(const TraversalTree& tree, const Vec3& O, const Vec3& D, int32_t& face) {
     Vec3 point;
     return tree.trace(O, D, point, face);
+}
+
+// ... and as 3D runs trace by default: the BVH, certified against the flat tree.
+bool traceOurs(const RayTracer& tracer, const Vec3& O, const Vec3& D, int32_t& face) {
+    Vec3 point;
+    return tracer.trace(O, D, point, face);
+}
+
+double seconds(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+// CPU seconds of the calling thread.
+double threadCpuSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
 }
 
 // One Embree geometry with every face of the model: triangles or quads, the node
@@ -111,22 +134,34 @@ const Scene& sceneFor(int64_t modelIndex, int64_t faces) {
     s.model = makeBenchModel(modelIndex == 0 ? "sphere" : "room", faces);
     s.view = MeshView{&s.model->nodes, &s.model->faces};
     std::streambuf* console = std::cout.rdbuf(nullptr);
+    auto start = std::chrono::steady_clock::now();
     s.tree = std::make_unique<BspNode>(3, &s.view, true);
     std::cout.rdbuf(console);
     s.flat = std::make_unique<TraversalTree>(*s.tree);
+    s.bspBuildSeconds = seconds(start);
+    start = std::chrono::steady_clock::now();
+    s.tracer = std::make_unique<RayTracer>(*s.flat, s.model->faces, TraceEngine::Bvh);
+    s.bvhBuildSeconds = seconds(start);
     const Hemisphere hemisphere(3, 16);
     s.rays = hemisphereRays(*s.model, hemisphere, raysPerSet);
     s.ourFaces.resize(s.rays.size());
     for (size_t i = 0; i < s.rays.size(); ++i) {
         int32_t face = -1;
         s.ourFaces[i] = traceOurs(*s.flat, s.rays[i].origin, s.rays[i].direction, face) ? face : -1;
+        Vec3 point, flatPoint;
+        int32_t bvhFace = -1;
+        const bool hit = s.tracer->trace(s.rays[i].origin, s.rays[i].direction, point, bvhFace, s.fallbacks);
+        const bool flatHit = s.flat->trace(s.rays[i].origin, s.rays[i].direction, flatPoint, face);
+        if (hit != flatHit || (hit && (bvhFace != face || !(point == flatPoint)))) ++s.mismatches;
     }
+    start = std::chrono::steady_clock::now();
     s.device = rtcNewDevice(nullptr);
     s.scene = rtcNewScene(s.device);
     RTCGeometry geometry = embreeGeometry(s.device, *s.model);
     rtcAttachGeometry(s.scene, geometry);
     rtcReleaseGeometry(geometry);
     rtcCommitScene(s.scene);
+    s.embreeBuildSeconds = seconds(start);
     return s;
 }
 
@@ -140,18 +175,26 @@ void setCounters(benchmark::State& state, const Scene& s, int64_t hits) {
     state.SetLabel(s.model->name);
 }
 
-void BM_Hemiray(benchmark::State& state) {
+// The ray set through this library: the BSP tree's flat copy (BM_Hemiray) or the
+// BVH tracer of 3D runs (BM_Bvh).
+template <bool ThroughBvh>
+void traceRaySet(benchmark::State& state) {
     const Scene& s = sceneFor(state.range(0), state.range(1));
     int64_t hits = 0;
     for (auto _ : state) {
         for (const BenchRay& ray : s.rays) {
             int32_t face = -1;
-            hits += traceOurs(*s.flat, ray.origin, ray.direction, face) ? 1 : 0;
+            const bool hit = ThroughBvh ? traceOurs(*s.tracer, ray.origin, ray.direction, face)
+                                        : traceOurs(*s.flat, ray.origin, ray.direction, face);
+            hits += hit ? 1 : 0;
             benchmark::DoNotOptimize(face);
         }
     }
     setCounters(state, s, hits);
 }
+
+void BM_Hemiray(benchmark::State& state) { traceRaySet<false>(state); }
+void BM_Bvh(benchmark::State& state) { traceRaySet<true>(state); }
 
 void BM_Embree(benchmark::State& state) {
     const Scene& s = sceneFor(state.range(0), state.range(1));
@@ -172,36 +215,56 @@ void BM_Embree(benchmark::State& state) {
         benchmark::Counter::kAvgThreads);
 }
 
-// Both engines in alternation on the same rays, one thread: each iteration traces
-// the ray set with this library, then with Embree, timed separately, so that both
-// see the same load from the rest of the machine. The counters are each engine's
-// rays per second over the benchmark and ratio = this library's / Embree's.
+// The three engines in alternation on the same rays, one thread: each iteration
+// traces the ray set through the BSP tree's flat copy, the BVH and Embree, timed
+// separately in CPU seconds of this thread, so that all see the same load from the
+// rest of the machine. Counters: each engine's rays per CPU second, the ratios to
+// Embree, the share of rays the BVH handed to the flat tree, build times and bytes
+// per face of the flat tree and of the BVH.
 void BM_Ratio(benchmark::State& state) {
-    using Clock = std::chrono::steady_clock;
     const Scene& s = sceneFor(state.range(0), state.range(1));
-    double ours = 0, theirs = 0;
+    double bsp = 0, bvh = 0, embree = 0;
     for (auto _ : state) {
-        const auto start = Clock::now();
+        const double start = threadCpuSeconds();
         for (const BenchRay& ray : s.rays) {
             int32_t face = -1;
             benchmark::DoNotOptimize(traceOurs(*s.flat, ray.origin, ray.direction, face));
             benchmark::DoNotOptimize(face);
         }
-        const auto middle = Clock::now();
+        const double afterBsp = threadCpuSeconds();
+        for (const BenchRay& ray : s.rays) {
+            int32_t face = -1;
+            benchmark::DoNotOptimize(traceOurs(*s.tracer, ray.origin, ray.direction, face));
+            benchmark::DoNotOptimize(face);
+        }
+        const double afterBvh = threadCpuSeconds();
         for (const BenchRay& ray : s.rays) {
             int32_t face = -1;
             benchmark::DoNotOptimize(traceEmbree(s.scene, *s.model, ray, face));
             benchmark::DoNotOptimize(face);
         }
-        const auto end = Clock::now();
-        ours += std::chrono::duration<double>(middle - start).count();
-        theirs += std::chrono::duration<double>(end - middle).count();
+        const double end = threadCpuSeconds();
+        bsp += afterBsp - start;
+        bvh += afterBvh - afterBsp;
+        embree += end - afterBvh;
     }
     const double rays = static_cast<double>(state.iterations()) * static_cast<double>(s.rays.size());
-    state.counters["faces"] = s.model->faces.faceCount();
-    state.counters["hemirayRate"] = rays / ours;
-    state.counters["embreeRate"] = rays / theirs;
-    state.counters["ratio"] = theirs / ours;
+    const double faces = s.model->faces.faceCount();
+    state.counters["faces"] = faces;
+    state.counters["bspRate"] = rays / bsp;
+    state.counters["bvhRate"] = rays / bvh;
+    state.counters["embreeRate"] = rays / embree;
+    state.counters["bspRatio"] = embree / bsp;
+    state.counters["bvhRatio"] = embree / bvh;
+    state.counters["fallbackShare"] = static_cast<double>(s.fallbacks) / static_cast<double>(s.rays.size());
+    state.counters["fallbacks"] = static_cast<double>(s.fallbacks);
+    state.counters["mismatches"] = static_cast<double>(s.mismatches);
+    state.counters["bspBuildS"] = s.bspBuildSeconds;
+    state.counters["bvhBuildS"] = s.bvhBuildSeconds;
+    state.counters["embreeBuildS"] = s.embreeBuildSeconds;
+    state.counters["bspBytesPerFace"] = static_cast<double>(s.flat->bytes()) / faces;
+    state.counters["bvhBytesPerFace"] =
+        s.tracer->bvh() ? static_cast<double>(s.tracer->bvh()->bytes()) / faces : 0.0;
     state.SetLabel(s.model->name);
 }
 
@@ -211,6 +274,7 @@ void sizes(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_Hemiray)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Bvh)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Embree)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Ratio)->Apply(sizes)->Unit(benchmark::kMillisecond);
 

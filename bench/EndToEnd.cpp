@@ -41,6 +41,7 @@
 #include "Hemisphere"
 #include "SparseRowVector"
 #include "geometry/BspTree.h"
+#include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
 #include "viewfactor/ViewFactorRow.h"
 
@@ -108,6 +109,8 @@ int runOne(const Config& c) {
     std::streambuf* console = std::cout.rdbuf(nullptr);
     const TraversalTree tree(BspNode(dimension, &view, true));
     std::cout.rdbuf(console);
+    // 3D models trace through the BVH unless HEMIRAY_ENGINE=bsp, as runs do.
+    const RayTracer tracer(tree, model->faces, traceEngineFromEnvironment());
     const double buildSeconds = secondsSince(start);
 
     // Every stride-th glob, so that about c.rays primary rays are traced.
@@ -137,14 +140,14 @@ int runOne(const Config& c) {
     for (int32_t first = 0; first < count; first += slots) {
         const int32_t chunk = std::min(slots, count - first);
 #pragma omp parallel num_threads(c.threads) default(none) \
-    shared(chunk, sample, first, dimension, hemisphere, faces, globs, zones, tree, rows, busy, \
+    shared(chunk, sample, first, dimension, hemisphere, faces, globs, zones, tracer, rows, busy, \
                globSeconds)
         {
 #pragma omp for schedule(static, 1)
             for (int32_t i = 0; i < chunk; ++i) {
                 const double cpuStart = threadCpuSeconds();
                 computeViewFactorRow(sample[static_cast<size_t>(first + i)], dimension, hemisphere,
-                                     faces, globs, zones, tree, rows[static_cast<size_t>(i)]);
+                                     faces, globs, zones, tracer, rows[static_cast<size_t>(i)]);
                 const double seconds = threadCpuSeconds() - cpuStart;
                 busy[static_cast<size_t>(omp_get_thread_num()) * pad] += seconds;
                 globSeconds[static_cast<size_t>(first + i)] = seconds;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -335,6 +336,10 @@ int main(int argc, char** argv) {
                     " (results independent of threads and processes)")
         ->check(CLI::IsMember({"team", "per-face"}));
     auto* keyOption = run->add_option("--seed", samplingKey, "key of per-face sampling (default 0)");
+    // Chooses the tracing engine through the library's HEMIRAY_ENGINE, for comparisons.
+    std::string runEngine;
+    run->add_option("--engine", runEngine, "tracing engine of 3D runs: bvh (default) or bsp")
+        ->check(CLI::IsMember({"bsp", "bvh"}));
 
     std::string blockInput, blockOutput;
     bool blockForce = false;
@@ -401,6 +406,7 @@ int main(int argc, char** argv) {
         if (keyOption->count() > 0 && sampling != "per-face") return fail("--seed needs --sampling per-face");
         if (sampling == "per-face") setenv("HEMIRAY_SEED", std::to_string(samplingKey).c_str(), 1);
         if (sampling == "team") unsetenv("HEMIRAY_SEED");
+        if (!runEngine.empty()) ::setenv("HEMIRAY_ENGINE", runEngine.c_str(), 1);
         return runModel(runArgs);
     }
     if (*blk) return writeBlock(blockInput, blockOutput, blockForce);

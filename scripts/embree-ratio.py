@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
-"""Runs hemiray_embree_bench and prints this library's rays per second as a ratio
-against Embree's, both measured in the same run on the same rays.
+"""Runs hemiray_embree_bench and prints this library's rays per second (through the
+BSP tree's flat copy and through the BVH of 3D runs) as a ratio against Embree's,
+all measured in the same run on the same rays, with the BVH's fallbacks to the
+tree, build times and bytes per face.
 
     scripts/embree-ratio.py [BUILD_DIR] [extra benchmark arguments...]
 
-Uses the medians of five repetitions of rays per second over wall time; Google
-Benchmark sums the rate over the benchmark's threads, so it is divided by the
-thread count here.
+Uses the medians of the repetitions (five unless --benchmark_repetitions is given);
+BM_Ratio's rates are rays per CPU second of its one thread; the separate
+benchmarks' rates are over wall time, summed by Google Benchmark over the threads,
+so they are divided by the thread count here.
 """
 import json
 import os
@@ -17,8 +20,11 @@ build = sys.argv[1] if len(sys.argv) > 1 else "build"
 binary = os.path.join(build, "bench", "hemiray_embree_bench")
 if not os.path.exists(binary):
     sys.exit(f"{binary} not found: configure with Debian's libembree-dev installed")
-command = [binary, "--benchmark_format=json", "--benchmark_repetitions=5",
-           "--benchmark_report_aggregates_only=true"] + sys.argv[2:]
+extra = sys.argv[2:]
+repetitions = [] if any(a.startswith("--benchmark_repetitions") for a in extra) else [
+    "--benchmark_repetitions=5"]
+command = [binary, "--benchmark_format=json", "--benchmark_report_aggregates_only=true"] + \
+    repetitions + extra
 report = json.loads(subprocess.run(command, check=True, capture_output=True, text=True).stdout)
 
 alternating = {}  # (model, faces) -> (hemiray rays/s, Embree rays/s, ratio), one thread
@@ -30,8 +36,7 @@ for bench in report["benchmarks"]:
     # BM_Hemiray/0/100000/real_time/threads:1_median, BM_Ratio/0/100000
     parts = bench["run_name"].split("/")
     if parts[0] == "BM_Ratio":
-        alternating[(int(parts[1]), int(parts[2]))] = (
-            bench["faces"], bench["hemirayRate"], bench["embreeRate"], bench["ratio"])
+        alternating[(int(parts[1]), int(parts[2]))] = bench
         continue
     engine, model, faces = parts[0][3:], int(parts[1]), int(parts[2])
     threads = int(parts[-1].split(":")[1])
@@ -40,21 +45,29 @@ for bench in report["benchmarks"]:
     extras[key] = (bench.get("faces", 0), bench.get("hitShare", 0), bench.get("agreement", 0))
 
 names = {0: "sphere (triangles)", 1: "room (quads)"}
-print("Alternating in one benchmark (BM_Ratio, one thread, median of 5):\n")
-print("| model | faces | hemiray rays/s | Embree rays/s | ratio |")
-print("|---|---:|---:|---:|---:|")
-for (model, _), (faces, ours, embree, ratio) in sorted(alternating.items()):
-    print(f"| {names[model]} | {int(faces)} | {ours / 1e3:.0f} k | {embree / 1e3:.0f} k | {ratio:.3f} |")
-print("\nSeparate benchmarks per engine (medians of 5, rays/s per thread):\n")
-print("| model | faces | threads | hemiray rays/s/thread | Embree rays/s/thread | ratio | same face |")
-print("|---|---:|---:|---:|---:|---:|---:|")
+print("Alternating in one benchmark (BM_Ratio, one thread, rays per CPU second, medians):\n")
+print("| model | faces | BSP rays/s | BVH rays/s | Embree rays/s | BSP / Embree | BVH / Embree "
+      "| BVH / BSP | fallbacks per ray | BVH hits unlike BSP's | build BSP / BVH / Embree (s) "
+      "| bytes per face BSP / BVH |")
+print("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|")
+for (model, _), b in sorted(alternating.items()):
+    print(f"| {names[model]} | {int(b['faces'])} | {b['bspRate'] / 1e3:.0f} k | {b['bvhRate'] / 1e3:.0f} k "
+          f"| {b['embreeRate'] / 1e3:.0f} k | {b['bspRatio']:.3f} | {b['bvhRatio']:.3f} "
+          f"| {b['bvhRate'] / b['bspRate']:.2f} | {b['fallbackShare']:.2e} | {int(b['mismatches'])} "
+          f"| {b['bspBuildS']:.3f} / {b['bvhBuildS']:.3f} / {b['embreeBuildS']:.3f} "
+          f"| {b['bspBytesPerFace']:.0f} / {b['bvhBytesPerFace']:.0f} |")
+print("\nSeparate benchmarks per engine (medians, rays/s per thread):\n")
+print("| model | faces | threads | BSP rays/s/thread | BVH rays/s/thread | Embree rays/s/thread "
+      "| BVH / Embree | same face |")
+print("|---|---:|---:|---:|---:|---:|---:|---:|")
 for (engine, model, faces, threads), rate in sorted(rates.items(), key=lambda kv: kv[0][1:]):
     if engine != "Hemiray":
         continue
     embree = rates.get(("Embree", model, faces, threads))
-    if not embree:
+    bvh = rates.get(("Bvh", model, faces, threads))
+    if not embree or not bvh:
         continue
     actual_faces, _, _ = extras[(engine, model, faces, threads)]
     agreement = extras[("Embree", model, faces, threads)][2]
-    print(f"| {names[model]} | {int(actual_faces)} | {threads} | {rate / 1e3:.0f} k | "
-          f"{embree / 1e3:.0f} k | {rate / embree:.3f} | {100 * agreement:.3f} % |")
+    print(f"| {names[model]} | {int(actual_faces)} | {threads} | {rate / 1e3:.0f} k | {bvh / 1e3:.0f} k | "
+          f"{embree / 1e3:.0f} k | {bvh / embree:.3f} | {100 * agreement:.3f} % |")

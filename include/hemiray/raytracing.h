@@ -22,6 +22,13 @@
  * takes at most 3 * 2048^2 = 12,582,912 directions per face: R up to 2048 in 3D
  * and axisymmetric runs, up to 6,291,456 in planar runs. A resolution below 0 or
  * above the bound fails with "error: hemisphere resolution R is outside 0 to MAX".
+ *
+ * Engine: 3D runs trace rays through a bounding-volume hierarchy that gives the
+ * BSP tree's hits bit for bit (rays it cannot certify are traced by the tree), so
+ * the result does not depend on the choice. The environment variable
+ * HEMIRAY_ENGINE, read at every call, chooses: "bsp" traces every ray by the tree,
+ * "bvh" (also when unset or empty) uses the hierarchy; any other value prints one
+ * "warning: " line on standard error and uses the hierarchy.
  */
 #ifndef HEMIRAY_RAYTRACING_H
 #define HEMIRAY_RAYTRACING_H

@@ -398,6 +398,28 @@ size_t TraversalTree::bytes() const {
            recordHasData_.capacity() + recordFace_.size() * recordStride_ * sizeof(double);
 }
 
+void TraversalTree::splitsPerAxis(int32_t splits[3]) const {
+    splits[0] = splits[1] = splits[2] = 0;
+    struct Visit {
+        uint32_t node;
+        int32_t count[3];
+    };
+    std::vector<Visit> pending{Visit{0, {0, 0, 0}}};
+    while (!pending.empty()) {
+        const Visit visit = pending.back();
+        pending.pop_back();
+        const Node& node = nodes_[visit.node];
+        if (node.info & leafBit) continue;
+        Visit child = visit;
+        ++child.count[node.info];
+        splits[node.info] = std::max(splits[node.info], child.count[node.info]);
+        child.node = node.index;
+        pending.push_back(child);
+        child.node = node.index + 1;
+        pending.push_back(child);
+    }
+}
+
 bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& tExit) const {
     tEnter = -dblMax;
     tExit = dblMax;

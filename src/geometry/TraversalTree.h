@@ -36,6 +36,11 @@ public:
     explicit TraversalTree(BspNode&& root);
 
     int32_t dimension() const { return dimension_; }
+    // The root box, as clip uses it.
+    const Vec3& boxMin() const { return boxMin_; }
+    const Vec3& boxMax() const { return boxMax_; }
+    // Per axis, the most splits on that axis along any path from the root to a leaf.
+    void splitsPerAxis(int32_t splits[3]) const;
 
     // clipToRootBox on the copied root box.
     [[nodiscard]] bool clip(const Vec3& O, const Vec3& D, double& tEnter, double& tExit) const;

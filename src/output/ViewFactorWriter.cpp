@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cstddef>
 #include <iomanip>
 #include <limits>
+#include <locale>
+#include <string>
 
 namespace hemiray {
 namespace {
@@ -185,7 +188,43 @@ void writeRowSectionHeader(std::ostream& out, bool binaryOutput,
     out << ')' << std::endl << '(';
 }
 
+namespace {
+
+// Whether the stream formats as the row section's head left it (fixed notation,
+// six decimals, no width, the classic locale): then std::to_chars gives the same
+// characters as the stream, printf's "%.6f" and plain decimal integers.
+bool formatsAsFixedSix(const std::ostream& out) {
+    return out.flags() == (std::ios::skipws | std::ios::dec | std::ios::fixed) &&
+           out.precision() == 6 && out.width() == 0 && out.getloc() == std::locale::classic();
+}
+
+// A text row formatted into one buffer and written at once: the stream's number
+// formatting (a locale lookup and a printf per value) was most of a run's time
+// outside tracing. The buffer keeps its capacity from row to row.
+void writeTextRow(std::ostream& out, const SparseRowVector& row) {
+    static thread_local std::string text;
+    text.clear();
+    char number[64];
+    const auto append = [&](auto value, auto... format) {
+        const std::to_chars_result end = std::to_chars(number, number + sizeof number, value, format...);
+        text.append(number, end.ptr);
+        text.push_back(' ');
+    };
+    append(row.np);
+    for (int32_t k = 0; k < row.np; ++k) append(row.columnAt(k));
+    text.push_back('\n');
+    for (int32_t k = 0; k < row.np; ++k) append(row.valueAt(row.columnAt(k)), std::chars_format::fixed, 6);
+    text.push_back('\n');
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+}  // namespace
+
 void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row) {
+    if (!binaryOutput && formatsAsFixedSix(out)) {
+        writeTextRow(out, row);
+        return;
+    }
     const int32_t np = row.np;
     out << np << ' ';
     if (!binaryOutput) {

@@ -19,6 +19,7 @@
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
 #include "output/RowSink.h"
 #include "run/Model.h"
@@ -149,9 +150,11 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     const MeshView mesh{&model.nodes, &model.participatingFaces};
     // Rays walk the tree's flat copy; the node tree goes once it is copied.
     const TraversalTree tree(BspNode(dimension, &mesh, true));
+    // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
+    const RayTracer tracer(tree, model.participatingFaces, traceEngineFromEnvironment());
     // Every ray of the run is traced here: the nearest hit of one straight piece.
-    const auto nearestHit = [&tree](const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                                    int32_t& hitFace) { return tree.trace(O, D, hitPoint, hitFace); };
+    const auto nearestHit = [&tracer](const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                                      int32_t& hitFace) { return tracer.trace(O, D, hitPoint, hitFace); };
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());

@@ -107,14 +107,33 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
     computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
 }
 
+namespace {
+
+// The row through anything that traces one ray as the sampling loop needs it.
+template <class Tracer>
+void computeRowThrough(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                       const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                       const Tracer& tracer, SparseRowVector& row) {
+    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        return tracer.trace(O, D, hitPoint, hitFace);
+    };
+    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
+}
+
+}  // namespace
+
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs,
                           const ZoneTable& zones, const TraversalTree& tree,
                           SparseRowVector& row) {
-    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
-        return tree.trace(O, D, hitPoint, hitFace);
-    };
-    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
+    computeRowThrough(glob, dimension, hemisphere, faces, globs, zones, tree, row);
+}
+
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs,
+                          const ZoneTable& zones, const RayTracer& tracer,
+                          SparseRowVector& row) {
+    computeRowThrough(glob, dimension, hemisphere, faces, globs, zones, tracer, row);
 }
 
 }  // namespace hemiray

@@ -11,6 +11,7 @@
 #include "SparseRowVector"
 #include "geometry/BspTree.h"
 #include "geometry/FaceGeometry.h"
+#include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
 #include "input/MeshModel.h"
 
@@ -29,6 +30,10 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                           const TraversalTree& tree, SparseRowVector& row);
+// The same row traced by the run's tracer (the BVH where it applies): the same bits.
+void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                          const RayTracer& tracer, SparseRowVector& row);
 
 // Local frame (t1, t2, n) for unit normal n. Modes 1 and 2: the in-plane tangent and
 // the z axis; 3D: t2 a random unit tangent drawn from the thread's generator.

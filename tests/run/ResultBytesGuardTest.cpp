@@ -1,7 +1,8 @@
 // Guard for the tracing hot path: the example models of every mode (mirror and
 // periodic variants included) must give the same result-file bytes, the same rows
 // in full double precision and the same traced hits as before any tuning, through
-// the BSP tree and through its flat tracing copy.
+// the BSP tree, through its flat tracing copy and through the run's tracer, with
+// both engines (HEMIRAY_ENGINE bsp and bvh) and one or two threads.
 //
 // The expected checksums were recorded from the code as it stood BEFORE the first
 // performance change: they pin today's results, so any optimisation that changes a
@@ -14,10 +15,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
 #include "SparseRowVector"
+#include "geometry/RayTracer.h"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
@@ -77,17 +80,30 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
     const GuardCase& c = GetParam();
     const std::string text = exampleText(c.model, c.n, c.resolution);
     testing::ScratchDir dir;
+    // Both engines, one thread against the recorded bytes; two threads against each other.
     for (const bool binary : {false, true}) {
-        testing::writeFile(dir.file("m"), text);
-        setThreadRandomState(1);
-        const auto r = testing::runLibrary(dir.file("m"), {binary, false, 1, "guard", false});
-        ASSERT_EQ(r.result, 1) << r.err;
-        Fnv1a hash;
-        const std::string result = testing::readFile(dir.file("m"));
-        hash.bytes(result.data(), result.size());
-        EXPECT_EQ(hex(hash.digest()), hex(binary ? c.binaryFile : c.textFile))
-            << c.model << (binary ? " binary" : " text");
+        std::string twoThreads[2];
+        for (const int engine : {0, 1}) {
+            ::setenv("HEMIRAY_ENGINE", engine == 0 ? "bsp" : "bvh", 1);
+            for (const int threads : {1, 2}) {
+                testing::writeFile(dir.file("m"), text);
+                setThreadRandomState(1);
+                const auto r = testing::runLibrary(dir.file("m"), {binary, false, threads, "guard", false});
+                ASSERT_EQ(r.result, 1) << r.err;
+                const std::string result = testing::readFile(dir.file("m"));
+                if (threads == 2) {
+                    twoThreads[engine] = result;
+                    continue;
+                }
+                Fnv1a hash;
+                hash.bytes(result.data(), result.size());
+                EXPECT_EQ(hex(hash.digest()), hex(binary ? c.binaryFile : c.textFile))
+                    << c.model << (binary ? " binary" : " text") << (engine == 0 ? " bsp" : " bvh");
+            }
+        }
+        EXPECT_TRUE(twoThreads[0] == twoThreads[1]) << c.model << " two threads";
     }
+    ::unsetenv("HEMIRAY_ENGINE");
 }
 
 // The rows through the BSP tree itself and through its flat copy, which the runs
@@ -97,14 +113,18 @@ TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
     testing::LoadedModel model;
     ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
     const TraversalTree flat(*model.tree);
-    for (const bool throughFlatCopy : {false, true}) {
+    const RayTracer tracer(flat, model.faces, TraceEngine::Bvh);
+    for (const int way : {0, 1, 2}) {  // the node tree, its flat copy, the run's tracer
         SparseRowVector row;
         row.resize(model.sizes.globCount);
         Fnv1a hash;
         setThreadRandomState(1);
         for (int32_t g = 0; g < model.globs->globCount(); ++g) {
             if (!model.globs->globActive[g]) continue;
-            if (throughFlatCopy)
+            if (way == 2)
+                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
+                                     *model.globs, model.zones, tracer, row);
+            else if (way == 1)
                 computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
                                      *model.globs, model.zones, flat, row);
             else
@@ -118,8 +138,7 @@ TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
             }
             row.clear();
         }
-        EXPECT_EQ(hex(hash.digest()), hex(c.rows))
-            << c.model << (throughFlatCopy ? " flat copy" : " node tree");
+        EXPECT_EQ(hex(hash.digest()), hex(c.rows)) << c.model << " way " << way;
     }
 }
 

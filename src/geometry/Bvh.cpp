@@ -1,0 +1,639 @@
+// The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, leaf packing)
+// and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
+// processor has it, and for the baseline (SSE2). Both forms run the same source;
+// the group test is written with generic vectors of four doubles, which the
+// baseline form splits into pairs. Compiled with -ffp-contract=off: no multiply
+// and add may be fused, so every lane rounds as intersectPolygon does.
+#include "geometry/Bvh.h"
+
+#include <xmmintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "Check.h"
+#include "geometry/RayTraversal.h"
+
+namespace hemiray {
+
+namespace {
+
+typedef double V4d __attribute__((vector_size(32)));
+typedef long long V4l __attribute__((vector_size(32)));
+typedef float V8f __attribute__((vector_size(32)));
+typedef int V8i __attribute__((vector_size(32)));
+
+// Boxes are padded by this share of the scene's extent on every side: far more
+// than the float rounding of box corners, ray origin, direction and entry
+// parameter (about 1e-7 of the extent each), so a box never drops a point that
+// lies in its face's node box.
+constexpr double boxPadding = 1e-5;
+constexpr uint32_t leafFaceLimit = 8;
+// Warped polygons are tested for every ray; with more than this many the BVH would
+// be no faster than the walk.
+constexpr size_t maxAlwaysTested = 64;
+constexpr int binCount = 16;
+// Below this depth the build splits at the median, which bounds the depth and with
+// it the query's stack.
+constexpr int sahDepthLimit = 48;
+// The query defers at most seven children per level; the depth stays below
+// sahDepthLimit + 32 (median splits halve the faces).
+constexpr int stackSize = 1024;
+constexpr int maxTreeDepth = stackSize / 7 - 1;
+
+float roundDown(double x) {
+    float f = static_cast<float>(x);
+    if (static_cast<double>(f) > x) f = std::nextafter(f, -std::numeric_limits<float>::infinity());
+    return f;
+}
+// The float at or above x; inline, since the query calls it after every better hit.
+float roundUp(double x) {
+    float f = static_cast<float>(x);
+    if (static_cast<double>(f) < x) {
+        if (f == 0.0f) return std::numeric_limits<float>::denorm_min();
+        uint32_t bits = 0;
+        std::memcpy(&bits, &f, sizeof bits);
+        bits = f > 0 ? bits + 1 : bits - 1;  // the next float up, the largest one going to infinity
+        std::memcpy(&f, &bits, sizeof f);
+    }
+    return f;
+}
+
+struct Box {
+    float lo[3] = {std::numeric_limits<float>::max(), std::numeric_limits<float>::max(),
+                   std::numeric_limits<float>::max()};
+    float hi[3] = {-std::numeric_limits<float>::max(), -std::numeric_limits<float>::max(),
+                   -std::numeric_limits<float>::max()};
+    void grow(const Box& b) {
+        for (int i = 0; i < 3; ++i) {
+            lo[i] = std::min(lo[i], b.lo[i]);
+            hi[i] = std::max(hi[i], b.hi[i]);
+        }
+    }
+    void grow(const float p[3]) {
+        for (int i = 0; i < 3; ++i) {
+            lo[i] = std::min(lo[i], p[i]);
+            hi[i] = std::max(hi[i], p[i]);
+        }
+    }
+    // Half the surface area; 0 for an empty box.
+    double area() const {
+        if (lo[0] > hi[0]) return 0;
+        const double dx = hi[0] - lo[0], dy = hi[1] - lo[1], dz = hi[2] - lo[2];
+        return dx * dy + dy * dz + dz * dx;
+    }
+};
+
+struct Ref {
+    Box box;
+    float centre[3];
+    int32_t face;
+};
+
+struct BuildNode {
+    Box box;
+    int32_t child[2] = {-1, -1};  // both -1 in a leaf
+    uint32_t begin = 0;
+    uint32_t end = 0;
+};
+
+// Whether every point the polygon test can accept lies in the face's node box, up
+// to rounding: true for triangles and for polygons whose nodes lie in one plane
+// (within 1e-9 of the face's size). A warped polygon is hit on the plane through its
+// last node, inside the cone from O over its edges, which for a ray nearly in that
+// plane reaches far beyond the nodes. Faces with a zero area vector never pass.
+bool flatFace(const FaceSet& faces, int32_t f) {
+    const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
+    const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
+    const Vec3& n = faces.faceNormal[static_cast<size_t>(f)];
+    const double area = norm(n);
+    if (end - begin <= 3 || !(area > 0)) return true;
+    const NodeArray& nodes = *faces.nodes;
+    const auto node = [&](int32_t k) -> const Vec3& {
+        return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])];
+    };
+    const Vec3& last = node(end - 1);
+    double size = 0, offPlane = 0;
+    for (int32_t k = begin; k < end; ++k) {
+        size = std::max(size, norm(node(k) - last));
+        offPlane = std::max(offPlane, std::abs(dot(node(k) - last, n)) / area);
+    }
+    return offPlane <= 1e-9 * size;
+}
+
+// Groups of four are what a leaf pays for.
+double groupCost(uint32_t count) { return static_cast<double>((count + 3) / 4); }
+
+class Builder {
+public:
+    Builder(std::vector<Ref>& refs) : refs_(refs) {}
+
+    int32_t build(uint32_t begin, uint32_t end, int depth) {
+        HEMIRAY_CHECK(depth <= maxTreeDepth, "BVH depth within the query's stack");
+        const auto index = static_cast<int32_t>(nodes_.size());
+        nodes_.push_back(BuildNode{});
+        Box box, centres;
+        for (uint32_t i = begin; i < end; ++i) {
+            box.grow(refs_[i].box);
+            centres.grow(refs_[i].centre);
+        }
+        nodes_[static_cast<size_t>(index)].box = box;
+        nodes_[static_cast<size_t>(index)].begin = begin;
+        nodes_[static_cast<size_t>(index)].end = end;
+        const uint32_t count = end - begin;
+        if (count <= 4) return index;
+
+        int axis = 0;
+        for (int i = 1; i < 3; ++i)
+            if (centres.hi[i] - centres.lo[i] > centres.hi[axis] - centres.lo[axis]) axis = i;
+        const double lo = centres.lo[axis];
+        const double width = static_cast<double>(centres.hi[axis]) - lo;
+        uint32_t middle = begin;
+        if (width > 0 && depth < sahDepthLimit) {
+            const auto binOf = [&](const Ref& r) {
+                const int bin = static_cast<int>((r.centre[axis] - lo) * (binCount / width));
+                return std::clamp(bin, 0, binCount - 1);
+            };
+            Box bins[binCount];
+            uint32_t counts[binCount] = {};
+            for (uint32_t i = begin; i < end; ++i) {
+                const int b = binOf(refs_[i]);
+                bins[b].grow(refs_[i].box);
+                ++counts[b];
+            }
+            double rightArea[binCount];
+            uint32_t rightCount[binCount];
+            Box right;
+            uint32_t rc = 0;
+            for (int b = binCount - 1; b > 0; --b) {
+                right.grow(bins[b]);
+                rc += counts[b];
+                rightArea[b] = right.area();
+                rightCount[b] = rc;
+            }
+            Box left;
+            uint32_t lc = 0;
+            double bestCost = std::numeric_limits<double>::max();
+            int bestSplit = -1;
+            for (int b = 1; b < binCount; ++b) {
+                left.grow(bins[b - 1]);
+                lc += counts[b - 1];
+                if (lc == 0 || rightCount[b] == 0) continue;
+                const double cost = left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
+                if (cost < bestCost) {
+                    bestCost = cost;
+                    bestSplit = b;
+                }
+            }
+            // A node visit costs about half a group test.
+            const double area = box.area();
+            if (count <= leafFaceLimit && (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
+                return index;
+            if (bestSplit > 0) {
+                middle = static_cast<uint32_t>(
+                    std::partition(refs_.begin() + begin, refs_.begin() + end,
+                                   [&](const Ref& r) { return binOf(r) < bestSplit; }) -
+                    refs_.begin());
+            }
+        } else if (count <= leafFaceLimit) {
+            return index;
+        }
+        // Split counts are rounded to whole groups of four, moving the few faces
+        // nearest the split: then only one leaf of the tree has a partial group, and
+        // the groups' lanes are nearly all in use.
+        const uint32_t groupAligned = (middle - begin + 2) / 4 * 4;
+        if (middle != begin && middle != end && groupAligned > 0 && groupAligned < count &&
+            groupAligned != middle - begin) {
+            middle = begin + groupAligned;
+            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+        }
+        if (middle == begin || middle == end) {
+            middle = begin + std::max<uint32_t>(count / 8 * 4, 1);
+            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+        }
+        const int32_t low = build(begin, middle, depth + 1);
+        const int32_t high = build(middle, end, depth + 1);
+        nodes_[static_cast<size_t>(index)].child[0] = low;
+        nodes_[static_cast<size_t>(index)].child[1] = high;
+        return index;
+    }
+
+    const std::vector<BuildNode>& nodes() const { return nodes_; }
+
+private:
+    std::vector<Ref>& refs_;
+    std::vector<BuildNode> nodes_;
+};
+
+struct Ray4 {
+    V4d O[3];
+    V4d D[3];
+};
+
+V4d broadcast(double x) { return V4d{x, x, x, x}; }
+
+// intersectPolygon on four lanes: the same expressions in the same order, and the
+// same comparisons (written as their negations where a lane must pass, so that a
+// NaN decides as it does there).
+template <int Corners>
+[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, const Ray4& r, double tmax,
+                                                 double* tOut) {
+    const auto at = [g](int k) { return *reinterpret_cast<const V4d*>(g[k].v); };
+    const V4d n0 = at(0), n1 = at(1), n2 = at(2);
+    const V4d den = r.D[0] * n0 + r.D[1] * n1 + r.D[2] * n2;
+    const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
+    const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
+    V4l miss = (den >= 0) | (t <= at(3)) | (t > broadcast(tmax));
+    // Lanes facing away or out of range need no edge test; t matters only on a hit.
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
+    V4d p0 = l0, p1 = l1, p2 = l2;
+    for (int k = 0; k < Corners - 1; ++k) {
+        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1], c2 = at(9 + 3 * k) - r.O[2];
+        miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] + (p0 * c1 - p1 * c0) * r.D[2] > 0;
+        p0 = c0;
+        p1 = c1;
+        p2 = c2;
+    }
+    miss |= (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] > 0;
+    std::memcpy(tOut, &t, sizeof t);
+    unsigned bits = 0;
+    for (int k = 0; k < 4; ++k) bits |= miss[k] ? 0u : 1u << k;
+    return bits;
+}
+
+[[gnu::always_inline]] inline Ray4 rayLanes(const Vec3& O, const Vec3& D) {
+    Ray4 r;
+    for (int i = 0; i < 3; ++i) {
+        r.O[i] = broadcast(O.v[i]);
+        r.D[i] = broadcast(D.v[i]);
+    }
+    return r;
+}
+
+[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners, const Vec3& O,
+                                                   const Vec3& D, double tmax, double t[4]) {
+    const Ray4 r = rayLanes(O, D);
+    return corners == 3 ? testGroup<3>(group, r, tmax, t) : testGroup<4>(group, r, tmax, t);
+}
+
+}  // namespace
+
+void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                      Lanes4* group) {
+    const size_t entries = polygonGroupEntries(corners);
+    for (size_t e = 0; e < entries; ++e)
+        for (double& x : group[e].v) x = 0.0;
+    const NodeArray& nodes = *faces.nodes;
+    for (int lane = 0; lane < count; ++lane) {
+        const auto f = static_cast<size_t>(faceIndex[lane]);
+        const Vec3& n = faces.faceNormal[f];
+        const int32_t begin = faces.faceNodeStart[f];
+        HEMIRAY_CHECK(faces.faceNodeStart[f + 1] - begin == corners, "group faces of one node count");
+        const auto node = [&](int32_t k) -> const Vec3& {
+            return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(begin + k)])];
+        };
+        for (int i = 0; i < 3; ++i) group[i].v[lane] = n.v[i];
+        group[3].v[lane] = 0.001 * std::sqrt(norm(n));
+        for (int i = 0; i < 3; ++i) group[4 + i].v[lane] = node(corners - 1).v[i];
+        for (int k = 0; k + 1 < corners; ++k)
+            for (int i = 0; i < 3; ++i) group[7 + 3 * k + i].v[lane] = node(k).v[i];
+    }
+}
+
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
+                              double tmax, double t[4]) {
+    return testGroupOf(group, corners, O, D, tmax, t);
+}
+
+[[gnu::target("avx2")]] unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
+                                                      const Vec3& O, const Vec3& D, double tmax,
+                                                      double t[4]) {
+    return testGroupOf(group, corners, O, D, tmax, t);
+}
+
+bool cpuHasAvx2() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+}
+
+Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
+    avx2_ = cpuHasAvx2();
+    const int32_t faceCount = faces.faceCount();
+    const NodeArray& nodes = *faces.nodes;
+    const double pad = boxPadding * extent;
+
+    std::vector<Ref> refs;
+    refs.reserve(static_cast<size_t>(faceCount));
+    for (int32_t f = 0; f < faceCount; ++f) {
+        if (!flatFace(faces, f)) {
+            alwaysTested_.push_back(f);
+            continue;
+        }
+        double lo[3] = {0, 0, 0}, hi[3] = {0, 0, 0};
+        const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
+        const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
+        for (int32_t k = begin; k < end; ++k) {
+            const Vec3 p = nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])] - base;
+            for (int i = 0; i < 3; ++i) {
+                lo[i] = k == begin ? p.v[i] : std::min(lo[i], p.v[i]);
+                hi[i] = k == begin ? p.v[i] : std::max(hi[i], p.v[i]);
+            }
+        }
+        Ref& r = refs.emplace_back();
+        r.face = f;
+        for (int i = 0; i < 3; ++i) {
+            r.box.lo[i] = roundDown(lo[i] - pad);
+            r.box.hi[i] = roundUp(hi[i] + pad);
+            r.centre[i] = 0.5f * (r.box.lo[i] + r.box.hi[i]);
+        }
+    }
+
+    usable_ = alwaysTested_.size() <= maxAlwaysTested;
+    if (!usable_ || refs.empty()) return;
+    empty_ = false;
+    Builder builder(refs);
+    builder.build(0, static_cast<uint32_t>(refs.size()), 0);
+    const std::vector<BuildNode>& bnodes = builder.nodes();
+
+    const auto cornersOf = [&](int32_t f) {
+        return faces.faceNodeStart[static_cast<size_t>(f) + 1] - faces.faceNodeStart[static_cast<size_t>(f)];
+    };
+    // A leaf's faces by node count: triangle groups, quad groups, then the rest.
+    const auto makeLeaf = [&](const BuildNode& b) {
+        const auto first = static_cast<int32_t>(leaves_.size());
+        HEMIRAY_CHECK(leaves_.size() < static_cast<size_t>(INT32_MAX), "leaf entries fit 31 bits");
+        std::vector<int32_t> byCorners[3];
+        for (uint32_t i = b.begin; i < b.end; ++i) {
+            const int32_t f = refs[i].face;
+            const int32_t corners = cornersOf(f);
+            byCorners[corners == 3 ? 0 : corners == 4 ? 1 : 2].push_back(f);
+        }
+        size_t lastHeader = 0;
+        for (int kind = 0; kind < 3; ++kind) {
+            const std::vector<int32_t>& list = byCorners[kind];
+            const int corners = kind == 2 ? 0 : kind + 3;
+            for (size_t i = 0; i < list.size(); i += 4) {
+                const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
+                lastHeader = leaves_.size();
+                GroupHeader header{{-1, -1, -1, -1}, corners, 0, {0, 0}};
+                for (int lane = 0; lane < count; ++lane) header.face[lane] = list[i + static_cast<size_t>(lane)];
+                leaves_.emplace_back();
+                std::memcpy(leaves_.back().v, &header, sizeof header);
+                if (corners == 0) continue;
+                leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
+                packPolygonGroup(faces, list.data() + i, count, corners, leaves_.data() + lastHeader + 1);
+            }
+        }
+        GroupHeader header;
+        std::memcpy(&header, leaves_[lastHeader].v, sizeof header);
+        header.last = 1;
+        std::memcpy(leaves_[lastHeader].v, &header, sizeof header);
+        return ~first;
+    };
+
+    // Collapse: a node takes its two children and keeps opening the interior child
+    // of largest area until it has eight.
+    const auto collapse = [&](auto& self, int32_t b) -> int32_t {
+        const BuildNode& bn = bnodes[static_cast<size_t>(b)];
+        if (bn.child[0] < 0) return makeLeaf(bn);
+        int32_t kids[Bvh::width] = {bn.child[0], bn.child[1]};
+        int used = 2;
+        while (used < Bvh::width) {
+            int pick = -1;
+            double pickArea = -1;
+            for (int k = 0; k < used; ++k) {
+                const BuildNode& c = bnodes[static_cast<size_t>(kids[k])];
+                if (c.child[0] >= 0 && c.box.area() > pickArea) {
+                    pick = k;
+                    pickArea = c.box.area();
+                }
+            }
+            if (pick < 0) break;
+            const BuildNode& c = bnodes[static_cast<size_t>(kids[pick])];
+            kids[pick] = c.child[0];
+            kids[used++] = c.child[1];
+        }
+        const auto index = static_cast<int32_t>(nodes_.size());
+        nodes_.push_back(Node{});
+        for (int k = 0; k < Bvh::width; ++k) {
+            Node& node = nodes_[static_cast<size_t>(index)];
+            const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
+            for (int i = 0; i < 3; ++i) {
+                node.lo[i][k] = box.lo[i];
+                node.hi[i][k] = box.hi[i];
+            }
+        }
+        nodes_[static_cast<size_t>(index)].count = static_cast<uint32_t>(used);
+        for (int k = 0; k < used; ++k) {
+            const int32_t code = self(self, kids[k]);
+            nodes_[static_cast<size_t>(index)].child[k] = code;
+        }
+        return index;
+    };
+    // The leaves' exact size first, so that they are allocated once: growing them
+    // would hold up to twice their size at the peak of the build.
+    size_t leafEntries = 0;
+    for (const BuildNode& b : bnodes) {
+        if (b.child[0] >= 0) continue;
+        size_t count[3] = {0, 0, 0};
+        for (uint32_t i = b.begin; i < b.end; ++i) {
+            const int32_t corners = cornersOf(refs[i].face);
+            ++count[corners == 3 ? 0 : corners == 4 ? 1 : 2];
+        }
+        for (int kind = 0; kind < 3; ++kind)
+            leafEntries += (count[kind] + 3) / 4 * (1 + (kind == 2 ? 0 : polygonGroupEntries(kind + 3)));
+    }
+    leaves_.reserve(leafEntries);
+    rootCode_ = collapse(collapse, 0);
+    nodes_.shrink_to_fit();
+}
+
+size_t Bvh::bytes() const {
+    return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Lanes4);
+}
+
+bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
+    // The nodes of the face: from its group, which the query has just read (the last
+    // node at entry 4, the others from entry 7 on), or from the face set.
+    const auto nodeAt = [&](int k, int axis) {
+        if (hit.group) return hit.group[4 + 3 * k + axis].v[hit.lane];
+        const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
+        return (*faces_->nodes)[static_cast<size_t>(faces_->faceNodes[begin + static_cast<size_t>(k)])].v[axis];
+    };
+    const int count = hit.group ? hit.corners
+                                : faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1] -
+                                      faces_->faceNodeStart[static_cast<size_t>(hit.face)];
+    for (int axis = 0; axis < 3; ++axis) {
+        double lo = nodeAt(0, axis), hi = lo;
+        for (int k = 1; k < count; ++k) {
+            lo = std::min(lo, nodeAt(k, axis));
+            hi = std::max(hi, nodeAt(k, axis));
+        }
+        if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
+    }
+    return true;
+}
+
+// The query, inlined into one form per instruction set. Children are visited
+// nearest first; a subtree whose box starts beyond the best hit so far is skipped.
+// The box test runs in float on the ray relative to the base; a zero direction
+// component is replaced by a tiny one of the same sign, which moves the ray by far
+// less than the boxes' padding over the scene and keeps 0 * infinity out.
+template <bool Wide>
+[[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                   double tmax) {
+    NearestHit best;
+    const Ray4 lanes = rayLanes(O, D);
+    V8f org[3], inv[3];
+    for (int i = 0; i < 3; ++i) {
+        const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
+        float d = static_cast<float>(D.v[i]);
+        if (!(std::abs(d) >= 1e-30f)) d = std::signbit(d) ? -1e-30f : 1e-30f;
+        org[i] = V8f{o, o, o, o, o, o, o, o};
+        const float id = 1.0f / d;
+        inv[i] = V8f{id, id, id, id, id, id, id, id};
+    }
+    double limit = tmax;
+    float limitF = roundUp(limit);
+
+    const auto tryFace = [&](int32_t face, double t, const Lanes4* group, int lane, int corners) {
+        if (!best.found || t < best.t) {
+            best.found = true;
+            best.tie = false;
+            best.face = face;
+            best.t = t;
+            best.group = group;
+            best.lane = lane;
+            best.corners = corners;
+        } else if (t == best.t) {
+            best.tie = true;
+        }
+    };
+
+    for (const int32_t face : bvh.alwaysTested_) {
+        double tf = 0;
+        if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, best.found ? best.t : tmax, tf))
+            tryFace(face, tf, nullptr, 0, 0);
+    }
+    if (best.found) {
+        limit = best.t;
+        limitF = roundUp(limit);
+    }
+    if (bvh.empty_) return best;
+
+    struct Entry {
+        int32_t code;
+        float tNear;
+    };
+    Entry stack[stackSize];
+    int top = 0;
+    stack[top++] = Entry{bvh.rootCode_, 0.0f};
+    while (top > 0) {
+        const Entry entry = stack[--top];
+        if (entry.tNear > limitF) continue;
+        int32_t code = entry.code;
+        while (code >= 0) {
+            const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
+            V8f tNear = V8f{} , tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
+            for (int i = 0; i < 3; ++i) {
+                const V8f t0 = (*reinterpret_cast<const V8f*>(node.lo[i]) - org[i]) * inv[i];
+                const V8f t1 = (*reinterpret_cast<const V8f*>(node.hi[i]) - org[i]) * inv[i];
+                const V8f tLow = t0 < t1 ? t0 : t1;
+                const V8f tHigh = t0 < t1 ? t1 : t0;
+                tNear = tNear < tLow ? tLow : tNear;
+                tFar = tHigh < tFar ? tHigh : tFar;
+            }
+            const V8i hit = tNear <= tFar;
+            __m128 halves[2];
+            std::memcpy(halves, &hit, sizeof halves);
+            unsigned mask = static_cast<unsigned>(_mm_movemask_ps(halves[0]) | _mm_movemask_ps(halves[1]) << 4);
+            mask &= (1u << node.count) - 1u;
+            if (mask == 0) {
+                code = INT32_MAX;  // nothing here: take the next entry
+                break;
+            }
+            if ((mask & (mask - 1)) == 0) {  // one child: no order to settle
+                code = node.child[__builtin_ctz(mask)];
+                continue;
+            }
+            // The hit children by entry, nearest first.
+            Entry hits[Bvh::width];
+            int hitCount = 0;
+            for (; mask != 0; mask &= mask - 1) {
+                const int k = __builtin_ctz(mask);
+                Entry e{node.child[k], tNear[k]};
+                // Most of a query's time is waiting for memory: ask for every child
+                // that will be visited before the first is needed.
+                if (e.code >= 0) {
+                    const char* at = reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
+                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
+                } else {
+                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
+                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
+                }
+                int j = hitCount++;
+                while (j > 0 && hits[j - 1].tNear > e.tNear) {
+                    hits[j] = hits[j - 1];
+                    --j;
+                }
+                hits[j] = e;
+            }
+            for (int k = hitCount - 1; k > 0; --k) stack[top++] = hits[k];
+            code = hits[0].code;
+        }
+        if (code == INT32_MAX) continue;
+
+        const Lanes4* item = bvh.leaves_.data() + ~code;
+        alignas(32) double t[4];
+        for (;;) {
+            Bvh::GroupHeader header;
+            std::memcpy(&header, item->v, sizeof header);
+            const Lanes4* group = item + 1;
+            if (header.corners == 0) {
+                for (int lane = 0; lane < 4 && header.face[lane] >= 0; ++lane) {
+                    double tf = 0;
+                    if (intersectPolygon(*bvh.faces_, header.face[lane], O, D, 0.0, limit, tf))
+                        tryFace(header.face[lane], tf, nullptr, lane, 0);
+                }
+                item = group;
+            } else {
+                const bool triangles = header.corners == 3;
+                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
+                for (; bits != 0; bits &= bits - 1) {
+                    const int lane = __builtin_ctz(bits);
+                    tryFace(header.face[lane], t[lane], group, lane, header.corners);
+                }
+                item = group + polygonGroupEntries(header.corners);
+            }
+            if (header.last) break;
+        }
+        if (best.found && best.t < limit) {
+            limit = best.t;
+            limitF = roundUp(limit);
+        }
+    }
+    return best;
+}
+
+namespace {
+
+[[gnu::target("avx2")]] NearestHit nearestAvx2(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                double tmax) {
+    return nearestIn<true>(bvh, O, D, tmax);
+}
+
+NearestHit nearestSse2(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax) {
+    return nearestIn<false>(bvh, O, D, tmax);
+}
+
+}  // namespace
+
+NearestHit Bvh::nearest(const Vec3& O, const Vec3& D, double tmax) const {
+    return avx2_ ? nearestAvx2(*this, O, D, tmax) : nearestSse2(*this, O, D, tmax);
+}
+
+}  // namespace hemiray

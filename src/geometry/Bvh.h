@@ -1,0 +1,113 @@
+// A bounding-volume hierarchy over the faces of a 3D run, for finding a ray's
+// nearest face hit fast: a binned surface-area-heuristic build, collapsed to nodes
+// of eight children with float boxes rounded outward, and leaves of at most eight
+// faces stored as groups of four polygons in structure-of-arrays doubles that are
+// tested four at a time. Every face lies in exactly one leaf.
+//
+// The group test evaluates, lane by lane, exactly the operations of
+// intersectPolygon in the same order (this file's translation unit is compiled
+// without contraction, and neither path enables FMA), so each lane's hit and t
+// are the bits the scalar test gives. Faces of other than three or four nodes are
+// tested by intersectPolygon itself.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "input/MeshModel.h"
+
+namespace hemiray {
+
+// Four doubles, one per lane of a group.
+struct alignas(32) Lanes4 {
+    double v[4];
+};
+
+// Polygon groups: four polygons of `corners` (3 or 4) nodes, lane by lane: the
+// area vector (3 entries), the minimum distance 0.001 sqrt|n| (1), the last node
+// (3), then the other nodes from the first on (3 each). Empty lanes never hit.
+constexpr size_t polygonGroupEntries(int corners) { return 7 + 3 * static_cast<size_t>(corners - 1); }
+
+// Packs up to four faces (all of `corners` nodes) into a group of
+// polygonGroupEntries(corners) entries.
+void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                      Lanes4* group);
+
+// Tests the ray against the four lanes of a group with the upper limit tmax, as
+// intersectPolygon would: bit k of the result is set when lane k is hit, and t[k]
+// then holds its parameter. The AVX2 form may be called only where the processor
+// has AVX2 (cpuHasAvx2).
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
+                              double tmax, double t[4]);
+unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
+                              double tmax, double t[4]);
+bool cpuHasAvx2();
+
+// The nearest hit over all faces of a query, with whether another face is hit at
+// exactly the same parameter.
+struct NearestHit {
+    bool found = false;
+    bool tie = false;  // some other face passes its test with the same t
+    int32_t face = -1;
+    double t = 0;
+    const Lanes4* group = nullptr;  // the face's polygon group, null for a face tested alone
+    int lane = 0;
+    int corners = 0;
+};
+
+class Bvh {
+public:
+    // Builds over every face of `faces` (3D) except warped polygons, which every
+    // query tests directly; the face set must outlive the tree.
+    // base and extent place the float boxes: coordinates are stored relative to base,
+    // and every box is padded by a small share of extent.
+    Bvh(const FaceSet& faces, const Vec3& base, double extent);
+
+    // The face with the smallest t that passes its ray test with the upper limit
+    // tmax (t equal to tmax accepted), over all faces; not found when none passes.
+    [[nodiscard]] NearestHit nearest(const Vec3& O, const Vec3& D, double tmax) const;
+
+    // Whether p lies in the box of the nodes of the hit's face, widened by slack.
+    [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const;
+
+    // False when so many faces are warped polygons (tested for every ray, outside
+    // the hierarchy) that the BVH should not be used.
+    bool usable() const { return usable_; }
+
+    // Bytes held by the tree (nodes and leaves).
+    size_t bytes() const;
+    size_t nodeCount() const { return nodes_.size(); }
+
+    static constexpr int width = 8;  // children per node
+    struct alignas(32) Node {
+        float lo[3][width];    // per axis, the children's lower box corners
+        float hi[3][width];    // and upper ones
+        int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
+        uint32_t count;    // children in use
+    };
+    // A leaf is a run of groups in leaves_, each a header entry followed by its
+    // polygon entries (none for faces tested alone by intersectPolygon).
+    struct GroupHeader {
+        int32_t face[4];  // -1 in empty lanes
+        int32_t corners;  // 3 or 4; 0: faces tested alone
+        int32_t last;     // 1 in the leaf's last group
+        int32_t unused[2];
+    };
+
+private:
+    template <bool Wide>
+    friend NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax);
+
+    const FaceSet* faces_;  // not owned
+    Vec3 base_;
+    bool avx2_ = false;
+    int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
+    bool empty_ = true;   // no face in the hierarchy
+    bool usable_ = true;
+    std::vector<Node> nodes_;
+    std::vector<Lanes4> leaves_;
+    std::vector<int32_t> alwaysTested_;  // warped polygons, outside the hierarchy
+};
+
+}  // namespace hemiray
