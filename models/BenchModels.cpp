@@ -210,4 +210,18 @@ std::vector<BenchRay> hemisphereRays(const BenchModel& model, const Hemisphere& 
     return rays;
 }
 
+std::unique_ptr<Model> runModelOf(const BenchModel& bench, int32_t resolution) {
+    const SizeSection sizes{0, 0, bench.zones.zoneCount(), bench.globs->globCount(),
+                            bench.dimension};
+    auto model = std::make_unique<Model>(sizes, nodeCoordinateCount(bench.dimension));
+    model->parameters.hemisphereResolution = resolution;
+    model->nodes = bench.nodes;
+    model->zones = bench.zones;
+    for (FaceSet* faces : {&model->allFaces, &model->participatingFaces}) {
+        *faces = bench.faces;
+        faces->nodes = &model->nodes;
+    }
+    return model;
+}
+
 }  // namespace hemiray::bench

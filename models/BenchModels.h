@@ -18,6 +18,7 @@
 #include "Hemisphere"
 #include "geometry/FaceGeometry.h"
 #include "input/MeshModel.h"
+#include "run/Model.h"
 
 namespace hemiray::bench {
 
@@ -46,6 +47,10 @@ struct BenchRay {
     Vec3 direction;
     int32_t face = 0;  // the emitting face
 };
+
+// The same model as a run reads it (every face a wall and its own glob, allFaces
+// = participatingFaces), for timing whole runs through the library's own loop.
+std::unique_ptr<Model> runModelOf(const BenchModel& model, int32_t resolution);
 
 // The primary rays of about `count` / (directions) faces spread evenly over the
 // model: each face's centroid and its hemisphere directions in the face's frame,

@@ -2,13 +2,13 @@
 """Before/after comparison of two hemiray_e2e binaries on a shared machine.
 
     scripts/compare-e2e.py BEFORE_E2E AFTER_E2E [--models sphere,room,ring,ring-axi]
-        [--faces 1000,10000,100000,1000000] [--threads 1] [--rays 131072]
+        [--faces 1000,10000,100000,1000000] [--threads 1] [--resolution 8]
         [--rounds 2] [--csv PREFIX]
 
 Each configuration runs alternately in the two binaries (one process each,
 hemiray_e2e --one), --rounds times, and the best rate of each is kept: other
 work on the machine can only slow a run down. Rates are rays per CPU second of
-the row computations (hemiray_e2e's rays_per_cpu_s). With --csv the kept runs
+the row phase of the library's run loop (hemiray_e2e's rays_per_cpu_s). With --csv the kept runs
 are written as PREFIX-before.csv and PREFIX-after.csv in hemiray_e2e's CSV form,
 ready for scripts/plot-performance.sh.
 """
@@ -21,20 +21,19 @@ parser.add_argument("after")
 parser.add_argument("--models", default="sphere,room,ring,ring-axi")
 parser.add_argument("--faces", default="1000,10000,100000,1000000")
 parser.add_argument("--threads", default="1")
-parser.add_argument("--rays", default="131072")
+parser.add_argument("--resolution", default="8")
 parser.add_argument("--rounds", type=int, default=2)
 parser.add_argument("--csv")
 args = parser.parse_args()
 
-COLUMNS = ("model,dimension,faces,threads,resolution,directions,globs_traced,rays,model_s,"
-           "tree_build_s,trace_s,rays_per_s,rays_per_s_per_thread,full_run_estimate_s,"
-           "row_sum_mean,peak_rss_mib,base_rss_mib,row_cpu_s,rays_per_cpu_s,busy_share,"
-           "two_thread_block_efficiency").split(",")
+COLUMNS = ("model,dimension,faces,threads,resolution,directions,rays,model_s,geometry_s,"
+           "tree_build_s,rows_s,run_s,rays_per_s,rows_cpu_s,rays_per_cpu_s,row_sum_mean,"
+           "peak_rss_mib,base_rss_mib").split(",")
 
 
 def run(binary, model, faces, threads):
-    resolution = "384" if model == "ring" else "16"
-    line = subprocess.run([binary, "--one", model, faces, threads, args.rays, resolution],
+    resolution = str(12 * int(args.resolution)) if model == "ring" else args.resolution
+    line = subprocess.run([binary, "--one", model, faces, threads, resolution],
                           check=True, capture_output=True, text=True).stdout.strip()
     return dict(zip(COLUMNS, line.split(",")))
 

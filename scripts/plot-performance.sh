@@ -13,9 +13,9 @@ command -v gnuplot > /dev/null || { echo "gnuplot is not installed (apt-get inst
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# model,dimension,faces,threads,...: column 19 is rays_per_cpu_s.
+# model,dimension,faces,threads,...: column 15 is rays_per_cpu_s.
 split_models() {  # csv tag
-    awk -F, -v dir="$work" -v tag="$2" 'NR > 1 && $4 == 1 { print $3, $19 > (dir "/" tag "-" $1 ".dat") }' "$1"
+    awk -F, -v dir="$work" -v tag="$2" 'NR > 1 && $4 == 1 { print $3, $15 > (dir "/" tag "-" $1 ".dat") }' "$1"
 }
 split_models "$after" after
 [[ -n "$before" ]] && split_models "$before" before
@@ -40,7 +40,7 @@ set xrange [600:1.6e6]
 set grid xtics ytics mxtics mytics lc rgb '#dddddd'
 set xlabel 'faces'
 set ylabel 'rays per second, one thread (CPU time)'
-set title 'Tracing rate against model size (hemiray_e2e, 768 directions per face)'
+set title 'Tracing rate against model size (hemiray_e2e, 192 directions per face)'
 set key inside left bottom font ",10" spacing 1.1 box opaque
 set format y '%.0s%c'
 set format x '%.0s%c'

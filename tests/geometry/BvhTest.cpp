@@ -9,7 +9,7 @@
 #include "geometry/Bvh.h"
 #include "geometry/RayTracer.h"
 #include "geometry/RayTraversal.h"
-#include "support/Meshes.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {
