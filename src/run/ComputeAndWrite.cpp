@@ -210,7 +210,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
             while (w.first + i >= rowFaceStart[rowsDone + 1] && !writeFailed) completeRow();
             const FaceFrame& f = w.frames[static_cast<size_t>(i)];
             globArea += f.area;
-            if (emits(f)) addFaceRays(row, hemisphere, f.area, &w.columns[static_cast<size_t>(i * rays)]);
+            if (emits(f)) addFaceRays(row, hemisphere, f.area, w.columns.data() + i * rays);
         }
     };
 
@@ -293,7 +293,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     for (int64_t i = unit * unitFaces; i < end; ++i) {
                         const FaceFrame& f = tracing.frames[static_cast<size_t>(i)];
                         if (!emits(f)) continue;
-                        int32_t* columns = &tracing.columns[static_cast<size_t>(i * rays)];
+                        int32_t* columns = tracing.columns.data() + i * rays;
                         for (int k = 0; k < rays; ++k)
                             columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
                                                    zones, nearestHit, rotation);
