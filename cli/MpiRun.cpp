@@ -219,13 +219,16 @@ int run(Job& job, const Args& args) {
     if (!job.agree(refused.empty())) return job.fail(refused);
 
     RunOptions options;
-    // By default the ranks of a node share its cores.
+    // By default a rank uses the cores the launcher bound it to, or, unbound, its
+    // share of the node's cores.
     MPI_Comm node;
     MPI_Comm_split_type(MPI_COMM_WORLD, MPI_COMM_TYPE_SHARED, 0, MPI_INFO_NULL, &node);
     int ranksOnNode = 1;
     MPI_Comm_size(node, &ranksOnNode);
     MPI_Comm_free(&node);
-    options.numThreads = args.threads > 0 ? args.threads : std::max(1, omp_get_num_procs() / ranksOnNode);
+    const int usable = omp_get_num_procs();
+    const bool bound = usable < sysconf(_SC_NPROCESSORS_ONLN);
+    options.numThreads = args.threads > 0 ? args.threads : std::max(1, bound ? usable : usable / ranksOnNode);
     int slots = options.numThreads;
     MPI_Allreduce(MPI_IN_PLACE, &slots, 1, MPI_INT, MPI_SUM, MPI_COMM_WORLD);
     options.slotCount = options.teamSize = args.slots > 0 ? args.slots : slots;
@@ -275,7 +278,7 @@ int parseAndRun(Job& job, int argc, char** argv) {
     auto* cmd = app.add_subcommand("run", "compute the view factors of a model file");
     cmd->add_option("input", args.input, "model file (plain, .gz or .Z)")->required();
     cmd->add_option("-o,--output", args.output, "result file (as hemiray run)");
-    cmd->add_option("--threads", args.threads, "threads of each rank (default: the node's cores over its ranks)");
+    cmd->add_option("--threads", args.threads, "threads of each rank (default: its bound cores, or the node's cores over its ranks)");
     cmd->add_option("--slots", args.slots,
                     "thread count of the one-process run to reproduce (default: all ranks' threads)");
     cmd->add_flag("--binary", args.binary, "write binary rows (section 1308)");
