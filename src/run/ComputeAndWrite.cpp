@@ -238,6 +238,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     // the last one with the others, given the time its first thread spent adding
     // rays and writing instead of tracing.
     int32_t rootUnits = UnitDeal::fullShare;
+    int32_t postedRootUnits = rootUnits, agreedRootUnits = rootUnits;
+    bool postedStop = false;
     for (Window& w : windows) w.deal.parts = parts;
     double iterationStart = omp_get_wtime();
     const auto nextRootUnits = [&](double writing) {
@@ -250,7 +252,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         planWindow(windows[0], false);
 #pragma omp parallel num_threads(run.numThreads) default(none)                              \
     shared(windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, \
-               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, totalFaces,     \
+               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits,  \
+               agreedRootUnits, postedStop, totalFaces,                                       \
                unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
@@ -262,12 +265,17 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                 // The thread that called the run collects, adds and writes the
                 // previous window and draws the frames of the next one, while the
                 // others trace this one.
-                if (omp_get_thread_num() == 0) {
+                // Windows are sent without waiting: every part posts the previous
+                // window at once, part 0 completes it before adding it, the others
+                // only before the barrier, so no part waits for part 0's writing.
+                const bool first = omp_get_thread_num() == 0;
+                const bool sending = first && share && w > 0;
+                if (first) {
                     Window& other = windows[(w + 1) % 2];
-                    if (w > 0 && share)
-                        stop = share->exchange(other.columns.data(), other.faces * rays,
-                                               unitFaces * rays, other.deal, rootUnits,
-                                               writeFailed || writeError) || stop;
+                    if (sending)
+                        share->post(other.columns.data(), other.faces * rays, unitFaces * rays,
+                                    other.deal, rootUnits, writeFailed || writeError);
+                    if (sending && writes) share->complete(postedRootUnits, postedStop);
                     const double writeStart = omp_get_wtime();
                     if (w > 0 && writes && !writeFailed && !writeError) {
                         try {
@@ -278,7 +286,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     }
                     if (!share) stop = stop || writeFailed || writeError;
                     planWindow(other, stop || tracing.faces == 0 || nextFace == totalFaces);
-                    other.deal.rootUnits = rootUnits;
+                    other.deal.rootUnits = agreedRootUnits;
                     if (writes && parts > 1) rootUnits = nextRootUnits(omp_get_wtime() - writeStart);
                     nextUnit[(w + 1) % 2] = 0;
                 }
@@ -298,6 +306,14 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                             columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
                                                    zones, nearestHit, rotation);
                     }
+                    if (sending && !writes) share->progress();
+                }
+                // Part 0's wishes of this window take effect in the next one on
+                // every part alike.
+                if (sending) {
+                    if (!writes) share->complete(postedRootUnits, postedStop);
+                    agreedRootUnits = postedRootUnits;
+                    stop = stop || postedStop;
                 }
 #pragma omp barrier
                 if (last) break;
