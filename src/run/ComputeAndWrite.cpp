@@ -264,10 +264,10 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                 const bool last = tracing.faces == 0;
                 // The thread that called the run collects, adds and writes the
                 // previous window and draws the frames of the next one, while the
-                // others trace this one.
-                // Windows are sent without waiting: every part posts the previous
-                // window at once, part 0 completes it before adding it, the others
-                // only before the barrier, so no part waits for part 0's writing.
+                // others trace this one. Shared runs send windows without waiting:
+                // every part posts the previous window at once, part 0 completes it
+                // before adding it, the others only before the barrier, so no part
+                // waits for part 0's writing.
                 const bool first = omp_get_thread_num() == 0;
                 const bool sending = first && share && w > 0;
                 if (first) {
