@@ -61,20 +61,15 @@ public:
 
     // Rank 0's own units are already in place; every other rank sends its units
     // back to back, in the order of the deal.
-    bool exchange(int32_t* columns, int64_t rays, int64_t unitRays, const UnitDeal& deal,
-                  int32_t& nextRootUnits, bool stop) override {
-        int wish[2] = {stop ? 1 : 0, nextRootUnits};
-        MPI_Bcast(wish, 2, MPI_INT, 0, MPI_COMM_WORLD);
-        nextRootUnits = wish[1];
-        const int64_t units = unitRays > 0 ? (rays + unitRays - 1) / unitRays : 0;
-        auto unitLength = [&](int64_t u) { return std::min(rays, (u + 1) * unitRays) - u * unitRays; };
-        auto forEachUnit = [&](int part, auto&& use) {
-            for (int64_t i = 0; part > 0 && units > 0; ++i) {
-                const int64_t u = deal.unitOf(part, i);
-                if (u >= units) break;
-                use(u);
-            }
-        };
+    void post(int32_t* columns, int64_t rays, int64_t unitRays, const UnitDeal& deal,
+              int32_t rootUnits, bool stop) override {
+        wish_[0] = stop ? 1 : 0;
+        wish_[1] = rootUnits;
+        MPI_Ibcast(wish_, 2, MPI_INT, 0, MPI_COMM_WORLD, &requests_[0]);
+        columns_ = columns;
+        rays_ = rays;
+        unitRays_ = unitRays;
+        deal_ = deal;
         int64_t total = 0;
         for (int p = 0; p < size_; ++p) {
             int64_t count = 0;
@@ -86,24 +81,58 @@ public:
         buffer_.resize(static_cast<size_t>(rank_ == 0 ? total : counts_[rank_]));
         int32_t* out = buffer_.data();
         forEachUnit(rank_, [&](int64_t u) { out = std::copy_n(columns + u * unitRays, unitLength(u), out); });
-        MPI_Gatherv(rank_ == 0 ? MPI_IN_PLACE : buffer_.data(), counts_[rank_], MPI_INT32_T,
-                    buffer_.data(), counts_.data(),
-                    offsets_.data(), MPI_INT32_T, 0, MPI_COMM_WORLD);
+        MPI_Igatherv(rank_ == 0 ? MPI_IN_PLACE : buffer_.data(), counts_[rank_], MPI_INT32_T,
+                     buffer_.data(), counts_.data(), offsets_.data(), MPI_INT32_T, 0,
+                     MPI_COMM_WORLD, &requests_[1]);
+    }
+
+    void progress() override {
+        int done = 0;
+        MPI_Testall(2, requests_, &done, MPI_STATUSES_IGNORE);
+    }
+
+    // Waits politely: a rank whose cores are shared (several ranks on a node, or
+    // other jobs) should not spin them away while its peers work.
+    void complete(int32_t& rootUnits, bool& stop) override {
+        for (int done = 0;;) {
+            MPI_Testall(2, requests_, &done, MPI_STATUSES_IGNORE);
+            if (done) break;
+            const timespec pause{0, 50'000};
+            nanosleep(&pause, nullptr);
+        }
         if (rank_ == 0) {
             const int32_t* in = buffer_.data();
             for (int p = 1; p < size_; ++p)
                 forEachUnit(p, [&](int64_t u) {
-                    std::copy_n(in, unitLength(u), columns + u * unitRays);
+                    std::copy_n(in, unitLength(u), columns_ + u * unitRays_);
                     in += unitLength(u);
                 });
         }
-        return wish[0] != 0;
+        rootUnits = wish_[1];
+        stop = wish_[0] != 0;
     }
 
 private:
+    int64_t unitCount() const { return unitRays_ > 0 ? (rays_ + unitRays_ - 1) / unitRays_ : 0; }
+    int64_t unitLength(int64_t u) const { return std::min(rays_, (u + 1) * unitRays_) - u * unitRays_; }
+    template <class Use>
+    void forEachUnit(int part, Use&& use) const {
+        const int64_t units = unitCount();
+        for (int64_t i = 0; part > 0 && units > 0; ++i) {
+            const int64_t u = deal_.unitOf(part, i);
+            if (u >= units) break;
+            use(u);
+        }
+    }
+
     int rank_, size_;
     std::vector<int> counts_, offsets_;
     std::vector<int32_t> buffer_;
+    int wish_[2] = {0, 0};
+    MPI_Request requests_[2] = {MPI_REQUEST_NULL, MPI_REQUEST_NULL};
+    int32_t* columns_ = nullptr;
+    int64_t rays_ = 0, unitRays_ = 0;
+    UnitDeal deal_;
 };
 
 // Told to end (the job is being torn down because another rank died): rank 0's
@@ -219,13 +248,16 @@ int run(Job& job, const Args& args) {
     if (!job.agree(refused.empty())) return job.fail(refused);
 
     RunOptions options;
-    // By default the ranks of a node share its cores.
+    // By default a rank uses the cores the launcher bound it to, or, unbound, its
+    // share of the node's cores.
     MPI_Comm node;
     MPI_Comm_split_type(MPI_COMM_WORLD, MPI_COMM_TYPE_SHARED, 0, MPI_INFO_NULL, &node);
     int ranksOnNode = 1;
     MPI_Comm_size(node, &ranksOnNode);
     MPI_Comm_free(&node);
-    options.numThreads = args.threads > 0 ? args.threads : std::max(1, omp_get_num_procs() / ranksOnNode);
+    const int usable = omp_get_num_procs();
+    const bool bound = usable < sysconf(_SC_NPROCESSORS_ONLN);
+    options.numThreads = args.threads > 0 ? args.threads : std::max(1, bound ? usable : usable / ranksOnNode);
     int slots = options.numThreads;
     MPI_Allreduce(MPI_IN_PLACE, &slots, 1, MPI_INT, MPI_SUM, MPI_COMM_WORLD);
     options.slotCount = options.teamSize = args.slots > 0 ? args.slots : slots;
@@ -275,7 +307,7 @@ int parseAndRun(Job& job, int argc, char** argv) {
     auto* cmd = app.add_subcommand("run", "compute the view factors of a model file");
     cmd->add_option("input", args.input, "model file (plain, .gz or .Z)")->required();
     cmd->add_option("-o,--output", args.output, "result file (as hemiray run)");
-    cmd->add_option("--threads", args.threads, "threads of each rank (default: the node's cores over its ranks)");
+    cmd->add_option("--threads", args.threads, "threads of each rank (default: its bound cores, or the node's cores over its ranks)");
     cmd->add_option("--slots", args.slots,
                     "thread count of the one-process run to reproduce (default: all ranks' threads)");
     cmd->add_flag("--binary", args.binary, "write binary rows (section 1308)");

@@ -221,7 +221,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
             while (w.first + i >= rowFaceStart[rowsDone + 1] && !writeFailed) completeRow();
             const FaceFrame& f = w.frames[static_cast<size_t>(i)];
             globArea += f.area;
-            if (emits(f)) addFaceRays(row, hemisphere, f.area, &w.columns[static_cast<size_t>(i * rays)]);
+            if (emits(f)) addFaceRays(row, hemisphere, f.area, w.columns.data() + i * rays);
         }
     };
 
@@ -249,6 +249,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     // the last one with the others, given the time its first thread spent adding
     // rays and writing instead of tracing.
     int32_t rootUnits = UnitDeal::fullShare;
+    int32_t postedRootUnits = rootUnits, agreedRootUnits = rootUnits;
+    bool postedStop = false;
     for (Window& w : windows) w.deal.parts = parts;
     double iterationStart = omp_get_wtime();
     const auto nextRootUnits = [&](double writing) {
@@ -261,7 +263,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         planWindow(windows[0], false);
 #pragma omp parallel num_threads(run.numThreads) default(none)                              \
     shared(windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, \
-               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, totalFaces,     \
+               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits,  \
+               agreedRootUnits, postedStop, totalFaces,                                       \
                unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
@@ -272,13 +275,18 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                 const bool last = tracing.faces == 0;
                 // The thread that called the run collects, adds and writes the
                 // previous window and draws the frames of the next one, while the
-                // others trace this one.
-                if (omp_get_thread_num() == 0) {
+                // others trace this one. Shared runs send windows without waiting:
+                // every part posts the previous window at once, part 0 completes it
+                // before adding it, the others only before the barrier, so no part
+                // waits for part 0's writing.
+                const bool first = omp_get_thread_num() == 0;
+                const bool sending = first && share && w > 0;
+                if (first) {
                     Window& other = windows[(w + 1) % 2];
-                    if (w > 0 && share)
-                        stop = share->exchange(other.columns.data(), other.faces * rays,
-                                               unitFaces * rays, other.deal, rootUnits,
-                                               writeFailed || writeError) || stop;
+                    if (sending)
+                        share->post(other.columns.data(), other.faces * rays, unitFaces * rays,
+                                    other.deal, rootUnits, writeFailed || writeError);
+                    if (sending && writes) share->complete(postedRootUnits, postedStop);
                     const double writeStart = omp_get_wtime();
                     if (w > 0 && writes && !writeFailed && !writeError) {
                         try {
@@ -289,7 +297,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     }
                     if (!share) stop = stop || writeFailed || writeError;
                     planWindow(other, stop || tracing.faces == 0 || nextFace == totalFaces);
-                    other.deal.rootUnits = rootUnits;
+                    other.deal.rootUnits = agreedRootUnits;
                     if (writes && parts > 1) rootUnits = nextRootUnits(omp_get_wtime() - writeStart);
                     nextUnit[(w + 1) % 2] = 0;
                 }
@@ -304,11 +312,19 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     for (int64_t i = unit * unitFaces; i < end; ++i) {
                         const FaceFrame& f = tracing.frames[static_cast<size_t>(i)];
                         if (!emits(f)) continue;
-                        int32_t* columns = &tracing.columns[static_cast<size_t>(i * rays)];
+                        int32_t* columns = tracing.columns.data() + i * rays;
                         for (int k = 0; k < rays; ++k)
                             columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
                                                    zones, nearestHit, rotation);
                     }
+                    if (sending && !writes) share->progress();
+                }
+                // Part 0's wishes of this window take effect in the next one on
+                // every part alike.
+                if (sending) {
+                    if (!writes) share->complete(postedRootUnits, postedStop);
+                    agreedRootUnits = postedRootUnits;
+                    stop = stop || postedStop;
                 }
 #pragma omp barrier
                 if (last) break;

@@ -74,14 +74,18 @@ public:
     virtual int32_t part() const = 0;
     // True on every part when `ok` is true on every part.
     [[nodiscard]] virtual bool allOk(bool ok) = 0;
-    // After a window is traced: columns holds `rays` ray columns in window order,
-    // in units of unitRays rays (the last may be shorter), dealt by `deal`; part 0
-    // receives the units of the others in place. `stop` and `nextRootUnits` are
-    // part 0's wish to end the run and its share of a later window; on return both
-    // hold part 0's values on every part. The result says whether the run ends.
-    [[nodiscard]] virtual bool exchange(int32_t* columns, int64_t rays, int64_t unitRays,
-                                        const UnitDeal& deal, int32_t& nextRootUnits,
-                                        bool stop) = 0;
+    // After a window is traced, starts its transfer: columns holds `rays` ray
+    // columns in window order, in units of unitRays rays (the last may be
+    // shorter), dealt by `deal`; part 0 will receive the units of the others in
+    // place. `stop` and `rootUnits` are part 0's wish to end the run and its share
+    // of a later window (ignored on other parts).
+    virtual void post(int32_t* columns, int64_t rays, int64_t unitRays, const UnitDeal& deal,
+                      int32_t rootUnits, bool stop) = 0;
+    // Lets a posted transfer move on; cheap, called between units of work.
+    virtual void progress() = 0;
+    // Completes the posted transfer (part 0: its columns are then whole) and
+    // gives part 0's wishes, the same on every part.
+    virtual void complete(int32_t& rootUnits, bool& stop) = 0;
 };
 
 // Computes every active glob's row of model into sink. Fills the participating

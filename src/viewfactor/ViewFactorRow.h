@@ -25,7 +25,7 @@ inline constexpr int maxBounces = 100;
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                           const BspNode& tree, SparseRowVector& row);
-// The same row traced through the tree's flat copy (the run's path): the same bits,
+// The same row traced through the tree's flat copy (which runs trace): the same bits,
 // faster.
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,

@@ -11,6 +11,13 @@ rm -rf "$work" && mkdir -p "$work" && cd "$work"
 mpi=(mpirun --allow-run-as-root --oversubscribe)
 die() { echo "FAIL: $*" >&2; exit 1; }
 partials() { find . -name '.hemiray-partial-*' | wc -l; }
+children() {  # the processes whose parent is $1, from /proc
+  local stat
+  for stat in /proc/[0-9]*/stat; do
+    read -r -a f < "$stat" 2> /dev/null || continue
+    [[ ${f[3]} == "$1" ]] && echo "${f[0]}"
+  done
+}
 
 "$cli" gen room -o m.msh --n 2 --res 4 > /dev/null
 one() { [[ -f "one-$1" ]] || "$cli" run m.msh -o "one-$1" --threads "$2" "${@:3}" > /dev/null; }
@@ -72,7 +79,7 @@ for victim in 0 1; do
   job=$!
   for _ in $(seq 300); do [[ $(partials) -gt 0 ]] && break; sleep 0.1; done
   [[ $(partials) -gt 0 ]] || die "the run never opened its result"
-  for pid in $(ps -o pid= --ppid "$job"); do
+  for pid in $(children "$job"); do
     if tr '\0' '\n' < "/proc/$pid/environ" | grep -qx "OMPI_COMM_WORLD_RANK=$victim"; then
       kill -9 "$pid"
     fi
