@@ -6,9 +6,14 @@
 // and add may be fused, so every lane rounds as intersectPolygon does.
 #include "geometry/Bvh.h"
 
+#include "Compiler.h"
+
+#if HEMIRAY_X86
 #include <xmmintrin.h>
+#endif
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -24,6 +29,19 @@ typedef double V4d __attribute__((vector_size(32)));
 typedef long long V4l __attribute__((vector_size(32)));
 typedef float V8f __attribute__((vector_size(32)));
 typedef int V8i __attribute__((vector_size(32)));
+
+// Bit k set where lane k of a comparison result is true (all bits set).
+inline unsigned laneMask(const V8i& lanes) {
+#if HEMIRAY_X86
+    __m128 halves[2];
+    std::memcpy(halves, &lanes, sizeof halves);
+    return static_cast<unsigned>(_mm_movemask_ps(halves[0]) | _mm_movemask_ps(halves[1]) << 4);
+#else
+    unsigned mask = 0;
+    for (int k = 0; k < 8; ++k) mask |= (lanes[k] != 0 ? 1u : 0u) << k;
+    return mask;
+#endif
+}
 
 // Boxes are padded by this share of the scene's extent on every side: far more
 // than the float rounding of box corners, ray origin, direction and entry
@@ -309,15 +327,10 @@ unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, c
     return testGroupOf(group, corners, O, D, tmax, t);
 }
 
-[[gnu::target("avx2")]] unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
+HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
                                                       const Vec3& O, const Vec3& D, double tmax,
                                                       double t[4]) {
     return testGroupOf(group, corners, O, D, tmax, t);
-}
-
-bool cpuHasAvx2() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2");
 }
 
 Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
@@ -548,32 +561,30 @@ template <bool Wide>
                 tFar = tHigh < tFar ? tHigh : tFar;
             }
             const V8i hit = tNear <= tFar;
-            __m128 halves[2];
-            std::memcpy(halves, &hit, sizeof halves);
-            unsigned mask = static_cast<unsigned>(_mm_movemask_ps(halves[0]) | _mm_movemask_ps(halves[1]) << 4);
+            unsigned mask = laneMask(hit);
             mask &= (1u << node.count) - 1u;
             if (mask == 0) {
                 code = INT32_MAX;  // nothing here: take the next entry
                 break;
             }
             if ((mask & (mask - 1)) == 0) {  // one child: no order to settle
-                code = node.child[__builtin_ctz(mask)];
+                code = node.child[std::countr_zero(mask)];
                 continue;
             }
             // The hit children by entry, nearest first.
             Entry hits[Bvh::width];
             int hitCount = 0;
             for (; mask != 0; mask &= mask - 1) {
-                const int k = __builtin_ctz(mask);
+                const int k = std::countr_zero(mask);
                 Entry e{node.child[k], tNear[k]};
                 // Most of a query's time is waiting for memory: ask for every child
                 // that will be visited before the first is needed.
                 if (e.code >= 0) {
                     const char* at = reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
-                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
+                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
                 } else {
                     const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
-                    for (int line = 0; line < 4; ++line) __builtin_prefetch(at + 64 * line);
+                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
                 }
                 int j = hitCount++;
                 while (j > 0 && hits[j - 1].tNear > e.tNear) {
@@ -604,7 +615,7 @@ template <bool Wide>
                 const bool triangles = header.corners == 3;
                 unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
                 for (; bits != 0; bits &= bits - 1) {
-                    const int lane = __builtin_ctz(bits);
+                    const int lane = std::countr_zero(bits);
                     tryFace(header.face[lane], t[lane], group, lane, header.corners);
                 }
                 item = group + polygonGroupEntries(header.corners);
@@ -621,7 +632,7 @@ template <bool Wide>
 
 namespace {
 
-[[gnu::target("avx2")]] NearestHit nearestAvx2(const Bvh& bvh, const Vec3& O, const Vec3& D,
+HEMIRAY_TARGET_AVX2 NearestHit nearestAvx2(const Bvh& bvh, const Vec3& O, const Vec3& D,
                                                 double tmax) {
     return nearestIn<true>(bvh, O, D, tmax);
 }

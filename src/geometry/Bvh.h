@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Compiler.h"
 #include "input/MeshModel.h"
 
 namespace hemiray {
@@ -42,7 +43,6 @@ unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, c
                               double tmax, double t[4]);
 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
                               double tmax, double t[4]);
-bool cpuHasAvx2();
 
 // The nearest hit over all faces of a query, with whether another face is hit at
 // exactly the same parameter.

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "Check.h"
+#include "Compiler.h"
 #include "geometry/RayMath.h"
 #include "geometry/RayTraversal.h"
 
@@ -25,22 +26,6 @@ using raymath::dblMax;
 // node at most two, so twice the tree depth bounds the stack.
 constexpr int stackSize = 128;
 constexpr int32_t maxDepth = stackSize / 2 - 1;
-
-// Record layouts, in doubles.
-//   polygon (3 or 4 nodes): area vector n, minimum distance 0.001 sqrt|n|, the last
-//     node, then the others from the first on; 16 doubles, 64-byte aligned.
-//   segment: n, minimum distance 0.001 |n|, first node, second node (the first
-//     again for a one-node face).
-//   cone: x0, r0, ex, er, n, minimum distance 0.001 |n|, ex ex, er er, ex r0, kind.
-constexpr size_t polygonStride = 16;
-constexpr size_t segmentStride = 10;
-constexpr size_t coneStride = 12;
-
-// Cone record kinds: the two cases of the cone test, and in case A whether the
-// position along the segment is measured by the radius (steep) or by x.
-constexpr double coneAxial = 0;
-constexpr double coneRadial = 1;
-constexpr double coneAnnulus = 2;
 
 // One ray's data as every test reads it.
 struct RayData {
@@ -62,23 +47,30 @@ struct RayData {
         oz2 = O.v[2] * O.v[2];
         oyz = O.v[1] * O.v[1] + O.v[2] * O.v[2];
     }
+
+    // Where the ray crosses the cylinder of this radius about the x axis, ascending;
+    // how many times (0, 1 or 2). The root box's outer wall and the radial splits.
+    int crossCylinder(double radius, double roots[2]) const {
+        return raymath::solveQuadratic(dyz, 2.0 * doy, oy2 - radius * radius + oz2, roots);
+    }
 };
 
-// intersectPolygon on a record of `corners` nodes.
+// intersectPolygon on a record of `Corners` nodes.
 template <int Corners>
-inline bool hitPolygon(const double* r, const RayData& ray, double tmax, double& t) {
+inline bool hitPolygon(const PolygonRecord& r, const RayData& ray, double tmax, double& t) {
     const double* O = ray.O.v;
     const double* D = ray.D.v;
-    const double den = D[0] * r[0] + D[1] * r[1] + D[2] * r[2];
+    const double* n = r.normal;
+    const double den = D[0] * n[0] + D[1] * n[1] + D[2] * n[2];
     if (den >= 0) return false;
-    const double l0 = r[4] - O[0], l1 = r[5] - O[1], l2 = r[6] - O[2];
-    t = (l0 * r[0] + l1 * r[1] + l2 * r[2]) / den;
-    if (t <= r[3]) return false;
+    const double l0 = r.last[0] - O[0], l1 = r.last[1] - O[1], l2 = r.last[2] - O[2];
+    t = (l0 * n[0] + l1 * n[1] + l2 * n[2]) / den;
+    if (t <= r.minDistance) return false;
     if (t > tmax) return false;
     // Edges last->first, first->second, ..., the one before last->last.
     double p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
-        const double* p = r + 7 + 3 * k;
+        const double* p = r.others[k];
         const double c0 = p[0] - O[0], c1 = p[1] - O[1], c2 = p[2] - O[2];
         if ((p1 * c2 - p2 * c1) * D[0] + (p2 * c0 - p0 * c2) * D[1] + (p0 * c1 - p1 * c0) * D[2] > 0)
             return false;
@@ -90,17 +82,18 @@ inline bool hitPolygon(const double* r, const RayData& ray, double tmax, double&
 }
 
 // intersectSegment on a record.
-inline bool hitSegment(const double* r, const RayData& ray, double tmax, double& t) {
+inline bool hitSegment(const SegmentRecord& r, const RayData& ray, double tmax, double& t) {
     const double* O = ray.O.v;
     const double* D = ray.D.v;
-    const double den = D[0] * r[0] + D[1] * r[1] + D[2] * r[2];
+    const double* n = r.normal;
+    const double den = D[0] * n[0] + D[1] * n[1] + D[2] * n[2];
     if (den >= 0) return false;
-    const double a0 = r[4] - O[0], a1 = r[5] - O[1], a2 = r[6] - O[2];
-    t = (a0 * r[0] + a1 * r[1] + a2 * r[2]) / den;
-    if (t <= r[3]) return false;
+    const double a0 = r.first[0] - O[0], a1 = r.first[1] - O[1], a2 = r.first[2] - O[2];
+    t = (a0 * n[0] + a1 * n[1] + a2 * n[2]) / den;
+    if (t <= r.minDistance) return false;
     if (t > tmax) return false;
     if (a1 * D[0] - a0 * D[1] < 0) return false;
-    const double b0 = r[7] - O[0], b1 = r[8] - O[1];
+    const double b0 = r.second[0] - O[0], b1 = r.second[1] - O[1];
     return D[1] * b0 - D[0] * b1 >= 0;
 }
 
@@ -121,25 +114,24 @@ inline bool radiusCertainlyOff(double y, double z, double r0, double er) {
 // intersectCone on a record. The position along the segment is checked before the
 // facing test, which needs the azimuth; both must pass and neither has a side
 // effect, so the order does not change the answer.
-inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t) {
+inline bool hitCone(const ConeRecord& r, const RayData& ray, double tmax, double& t) {
     const double* O = ray.O.v;
     const double* D = ray.D.v;
-    const double x0 = r[0], r0 = r[1], ex = r[2], er = r[3];
-    const double* n = r + 4;
-    if (r[11] != coneAnnulus) {
-        const double ex2 = r[8];
-        const double g = r[10] + (O[0] - x0) * er;
-        const double a = r[9] * D[0] * D[0] - ray.dyz * ex2;
-        const double b = 2.0 * (er * g * D[0] - ray.doy * ex2);
-        const double c = g * g - ex2 * ray.oyz;
+    const double x0 = r.x0, r0 = r.r0, ex = r.ex, er = r.er;
+    const double* n = r.normal;
+    if (r.kind != ConeRecord::Kind::Annulus) {
+        const double g = r.exR0 + (O[0] - x0) * er;
+        const double a = r.er2 * D[0] * D[0] - ray.dyz * r.ex2;
+        const double b = 2.0 * (er * g * D[0] - ray.doy * r.ex2);
+        const double c = g * g - r.ex2 * ray.oyz;
         double roots[2] = {0.0, 0.0};
         const int count = raymath::solveQuadratic(a, b, c, roots);
         // The larger root first, as in intersectCone.
         for (int i = count - 1; i >= 0; --i) {
             t = roots[i];
-            if (!(1e-10 <= t && t <= tmax)) continue;
+            if (!(minimumConeHitDistance <= t && t <= tmax)) continue;
             const double P0 = O[0] + D[0] * t, P1 = O[1] + D[1] * t, P2 = O[2] + D[2] * t;
-            if (r[11] == coneAxial) {
+            if (r.kind == ConeRecord::Kind::Axial) {
                 const double s = (P0 - x0) / ex;
                 if (!(0 <= s && s <= 1)) continue;
                 const raymath::Azimuth az = raymath::azimuthOf(P1, P2);
@@ -155,7 +147,7 @@ inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t)
         return false;
     }
     t = raymath::safeDivide(x0 - O[0], D[0]);
-    if (t <= r[7]) return false;
+    if (t <= r.minDistance) return false;
     if (t > tmax) return false;
     const double P1 = O[1] + D[1] * t, P2 = O[2] + D[2] * t;
     if (radiusCertainlyOff(P1, P2, r0, er)) return false;
@@ -166,7 +158,9 @@ inline bool hitCone(const double* r, const RayData& ray, double tmax, double& t)
 // The face tests by shape. Uniform shapes read every face from its record; mixed
 // ones first check whether the face has one and otherwise run the face-set test.
 struct TestData {
-    const double* records;
+    const PolygonRecord* polygons;
+    const SegmentRecord* segments;
+    const ConeRecord* cones;
     const int32_t* recordFace;
     const uint8_t* hasData;
     const FaceSet* faces;
@@ -174,53 +168,52 @@ struct TestData {
 
 template <int Corners>
 struct PolygonTest {
-    static constexpr size_t stride = polygonStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.polygons + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
-        return hitPolygon<Corners>(d.records + e * stride, ray, tmax, t);
+        return hitPolygon<Corners>(d.polygons[e], ray, tmax, t);
     }
 };
 
 struct MixedPolygonTest {
-    static constexpr size_t stride = polygonStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.polygons + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double tmin, double tmax,
                     double& t) {
-        const double* r = d.records + e * stride;
         switch (d.hasData[e]) {
-            case 3: return hitPolygon<3>(r, ray, tmax, t);
-            case 4: return hitPolygon<4>(r, ray, tmax, t);
+            case 3: return hitPolygon<3>(d.polygons[e], ray, tmax, t);
+            case 4: return hitPolygon<4>(d.polygons[e], ray, tmax, t);
             default: return intersectPolygon(*d.faces, d.recordFace[e], ray.O, ray.D, tmin, tmax, t);
         }
     }
 };
 
 struct SegmentTest {
-    static constexpr size_t stride = segmentStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.segments + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
-        return hitSegment(d.records + e * stride, ray, tmax, t);
+        return hitSegment(d.segments[e], ray, tmax, t);
     }
 };
 
 struct MixedSegmentTest {
-    static constexpr size_t stride = segmentStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.segments + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double tmin, double tmax,
                     double& t) {
-        if (d.hasData[e]) return hitSegment(d.records + e * stride, ray, tmax, t);
+        if (d.hasData[e]) return hitSegment(d.segments[e], ray, tmax, t);
         return intersectSegment(*d.faces, d.recordFace[e], ray.O, ray.D, tmin, tmax, t);
     }
 };
 
 struct ConeTest {
-    static constexpr size_t stride = coneStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.cones + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
-        return hitCone(d.records + e * stride, ray, tmax, t);
+        return hitCone(d.cones[e], ray, tmax, t);
     }
 };
 
 struct MixedConeTest {
-    static constexpr size_t stride = coneStride;
+    static const void* record(const TestData& d, uint32_t e) { return d.cones + e; }
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double tmin, double tmax,
                     double& t) {
-        if (d.hasData[e]) return hitCone(d.records + e * stride, ray, tmax, t);
+        if (d.hasData[e]) return hitCone(d.cones[e], ray, tmax, t);
         return intersectCone(*d.faces, d.recordFace[e], ray.O, ray.D, tmin, tmax, t);
     }
 };
@@ -230,6 +223,76 @@ struct Pending {
     double tmin;
     double tmax;
 };
+
+// The steps down from an interior node with children low and low + 1 (the high
+// side). Each returns the child to search now, narrows [tmin, tmax] to it, and
+// pushes what is to be searched after it, in the order the recursive walk would
+// search: the nearer side first, the farther side only if the nearer finds nothing.
+
+// The origin on the split plane searches both sides over the whole interval; with
+// d < 0 the high side still comes first.
+template <class Push>
+inline uint32_t descendFromPlane(uint32_t low, double d, double tmin, double tmax, Push& push) {
+    push(Pending{d < 0 ? low : low + 1, tmin, tmax});
+    return d < 0 ? low + 1 : low;
+}
+
+// A plane at s on an axis where the ray has origin o and direction d.
+template <class Push>
+inline uint32_t descendPlane(uint32_t low, double s, double o, double d, double tmin, double& tmax,
+                             Push& push) {
+    const uint32_t near = s <= o ? low + 1 : low;
+    const uint32_t far = s <= o ? low : low + 1;
+    const double tSplit = raymath::safeDivide(s - o, d);
+    if (!(0 <= tSplit && tSplit <= tmax)) return near;
+    if (tSplit < tmin) return far;
+    push(Pending{far, tSplit, tmax});
+    tmax = tSplit;
+    return near;
+}
+
+// The cylinder of radius s about the x axis: the side the ray is on at tmin first,
+// then each side again as the ray crosses the cylinder within the interval.
+template <class Push>
+inline uint32_t descendCylinder(uint32_t low, double s, const RayData& ray, double& tmin,
+                                double& tmax, Push& push) {
+    const double yIn = ray.O.v[1] + tmin * ray.D.v[1];
+    const double zIn = ray.O.v[2] + tmin * ray.D.v[2];
+    const double rIn = std::sqrt(yIn * yIn + zIn * zIn);
+    const uint32_t near = s <= rIn ? low + 1 : low;
+    const uint32_t far = s <= rIn ? low : low + 1;
+    double roots[2] = {0.0, 0.0};
+    const int count = ray.crossCylinder(s, roots);
+    int inside = 0;
+    for (int i = 0; i < count; ++i) inside += (tmin <= roots[i] && roots[i] <= tmax) ? 1 : 0;
+    if (inside == 0) return near;
+    if (inside == 1) {
+        const double tc = (tmin <= roots[0] && roots[0] <= tmax) ? roots[0] : roots[1];
+        if (tc < 0) {
+            tmin = tc;
+            return far;
+        }
+        push(Pending{far, tc, tmax});
+        tmax = tc;
+        return near;
+    }
+    const double t0 = roots[0];
+    const double t1 = roots[1];
+    if (t1 < 0) {
+        tmin = t1;
+        return near;
+    }
+    if (t0 < 0) {
+        push(Pending{near, t1, tmax});
+        tmin = t0;
+        tmax = t1;
+        return far;
+    }
+    push(Pending{near, t1, tmax});
+    push(Pending{far, t0, t1});
+    tmax = t0;
+    return near;
+}
 
 }  // namespace
 
@@ -322,10 +385,10 @@ void TraversalTree::buildRecords() {
         return nodes[static_cast<size_t>(faces.faceNodes[entry])];
     };
 
-    recordStride_ = faces.dimension == 1 ? coneStride : faces.dimension == 2 ? segmentStride : polygonStride;
-    records_.reset(static_cast<double*>(
-        ::operator new[](count * recordStride_ * sizeof(double), std::align_val_t{64})));
-    std::fill(records_.get(), records_.get() + count * recordStride_, 0.0);
+    const bool polygons = faces.dimension != 1 && faces.dimension != 2;
+    if (polygons) polygons_.resize(count);
+    else if (faces.dimension == 2) segments_.resize(count);
+    else cones_.resize(count);
     recordHasData_.assign(count, 0);
 
     bool uniform = true;
@@ -334,8 +397,7 @@ void TraversalTree::buildRecords() {
         const int32_t face = recordFace_[e];
         const int32_t corners = nodeCountOf(face);
         const Vec3& n = faces.faceNormal[static_cast<size_t>(face)];
-        double* r = records_.get() + e * recordStride_;
-        if (faces.dimension != 1 && faces.dimension != 2) {
+        if (polygons) {
             // Polygons of three or four nodes; others are tested from the face set.
             if (corners != 3 && corners != 4) {
                 uniform = false;
@@ -344,12 +406,13 @@ void TraversalTree::buildRecords() {
             if (firstCorners < 0) firstCorners = corners;
             uniform = uniform && corners == firstCorners;
             recordHasData_[e] = static_cast<uint8_t>(corners);
-            for (int i = 0; i < 3; ++i) r[i] = n.v[i];
-            r[3] = 0.001 * std::sqrt(norm(n));
+            PolygonRecord& r = polygons_[e];
+            for (int i = 0; i < 3; ++i) r.normal[i] = n.v[i];
+            r.minDistance = 0.001 * std::sqrt(norm(n));
             const Vec3& last = node(face, corners - 1);
-            for (int i = 0; i < 3; ++i) r[4 + i] = last.v[i];
+            for (int i = 0; i < 3; ++i) r.last[i] = last.v[i];
             for (int32_t k = 0; k + 1 < corners; ++k)
-                for (int i = 0; i < 3; ++i) r[7 + 3 * k + i] = node(face, k).v[i];
+                for (int i = 0; i < 3; ++i) r.others[k][i] = node(face, k).v[i];
             continue;
         }
         // Segments and cones read the first two nodes (the first twice for a
@@ -362,28 +425,27 @@ void TraversalTree::buildRecords() {
         const Vec3& p0 = node(face, 0);
         const Vec3& p1 = node(face, corners >= 2 ? 1 : 0);
         if (faces.dimension == 2) {
-            for (int i = 0; i < 3; ++i) r[i] = n.v[i];
-            r[3] = 0.001 * norm(n);
-            for (int i = 0; i < 3; ++i) r[4 + i] = p0.v[i];
-            for (int i = 0; i < 3; ++i) r[7 + i] = p1.v[i];
+            SegmentRecord& r = segments_[e];
+            for (int i = 0; i < 3; ++i) r.normal[i] = n.v[i];
+            r.minDistance = 0.001 * norm(n);
+            for (int i = 0; i < 3; ++i) r.first[i] = p0.v[i];
+            for (int i = 0; i < 3; ++i) r.second[i] = p1.v[i];
             continue;
         }
-        const double x0 = p0.v[0];
-        const double r0 = p0.v[1];
-        const double ex = p1.v[0] - x0;
-        const double er = p1.v[1] - r0;
-        r[0] = x0;
-        r[1] = r0;
-        r[2] = ex;
-        r[3] = er;
-        for (int i = 0; i < 3; ++i) r[4 + i] = n.v[i];
-        r[7] = 0.001 * norm(n);
-        r[8] = ex * ex;
-        r[9] = er * er;
-        r[10] = ex * r0;
-        r[11] = std::abs(er) * 0.001 <= std::abs(ex)
-                    ? (std::abs(ex) <= std::abs(er) ? coneRadial : coneAxial)
-                    : coneAnnulus;
+        ConeRecord& r = cones_[e];
+        r.x0 = p0.v[0];
+        r.r0 = p0.v[1];
+        r.ex = p1.v[0] - r.x0;
+        r.er = p1.v[1] - r.r0;
+        for (int i = 0; i < 3; ++i) r.normal[i] = n.v[i];
+        r.minDistance = 0.001 * norm(n);
+        r.ex2 = r.ex * r.ex;
+        r.er2 = r.er * r.er;
+        r.exR0 = r.ex * r.r0;
+        r.kind = std::abs(r.er) * 0.001 <= std::abs(r.ex)
+                     ? (std::abs(r.ex) <= std::abs(r.er) ? ConeRecord::Kind::Radial
+                                                         : ConeRecord::Kind::Axial)
+                     : ConeRecord::Kind::Annulus;
     }
 
     if (faces.dimension == 1) shape_ = uniform ? Shape::Cones : Shape::MixedCones;
@@ -395,7 +457,8 @@ void TraversalTree::buildRecords() {
 size_t TraversalTree::bytes() const {
     return sizeof(*this) + nodes_.capacity() * sizeof(Node) +
            leafEntries_.capacity() * sizeof(uint32_t) + recordFace_.capacity() * sizeof(int32_t) +
-           recordHasData_.capacity() + recordFace_.size() * recordStride_ * sizeof(double);
+           recordHasData_.capacity() + polygons_.capacity() * sizeof(PolygonRecord) +
+           segments_.capacity() * sizeof(SegmentRecord) + cones_.capacity() * sizeof(ConeRecord);
 }
 
 void TraversalTree::splitsPerAxis(int32_t splits[3]) const {
@@ -428,10 +491,7 @@ bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& t
             // The radial axis is the cylinder of the box's outer radius; it clips
             // only a ray that crosses it twice and rejects none.
             double roots[2];
-            const double R = boxMax_.v[1];
-            if (raymath::solveQuadratic(D.v[1] * D.v[1] + D.v[2] * D.v[2],
-                                        2.0 * (D.v[1] * O.v[1] + D.v[2] * O.v[2]),
-                                        O.v[1] * O.v[1] - R * R + O.v[2] * O.v[2], roots) == 2) {
+            if (RayData(O, D, true).crossCylinder(boxMax_.v[1], roots) == 2) {
                 tEnter = std::max(tEnter, roots[0]);
                 tExit = std::min(tExit, roots[1]);
             }
@@ -467,7 +527,8 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
     constexpr bool axisymmetricTest = std::is_same_v<Test, ConeTest> || std::is_same_v<Test, MixedConeTest>;
     const bool axisymmetric = dimension_ == 1;
     const RayData ray(O, D, axisymmetric || axisymmetricTest);
-    const TestData data{records_.get(), recordFace_.data(), recordHasData_.data(), faces_};
+    const TestData data{polygons_.data(), segments_.data(), cones_.data(),
+                        recordFace_.data(), recordHasData_.data(), faces_};
     const Node* nodes = nodes_.data();
     const uint32_t* entries = leafEntries_.data();
 
@@ -477,7 +538,7 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
     // is the common case; fetching its node now overlaps that miss with the work
     // on the nearer side.
     const auto push = [&](const Pending& pending) {
-        __builtin_prefetch(nodes + pending.node);
+        prefetch(nodes + pending.node);
         stack[top++] = pending;
     };
     uint32_t index = 0;
@@ -488,72 +549,9 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
             const double s = node->split;
             const double o = O.v[axis];
             const double d = D.v[axis];
-            const uint32_t low = node->index;
-            const uint32_t high = low + 1;
-            if (o == s) {
-                // An origin on the plane searches both sides over the whole
-                // interval; with d < 0 the high side still comes first.
-                push(Pending{d < 0 ? low : high, tmin, tmax});
-                index = d < 0 ? high : low;
-            } else if (axisymmetric && axis == 1) {
-                // The cylinder of radius s: the side the ray is on at tmin first.
-                const double yIn = O.v[1] + tmin * D.v[1];
-                const double zIn = O.v[2] + tmin * D.v[2];
-                const double rIn = std::sqrt(yIn * yIn + zIn * zIn);
-                const uint32_t near = s <= rIn ? high : low;
-                const uint32_t far = s <= rIn ? low : high;
-                double roots[2] = {0.0, 0.0};
-                const int count = raymath::solveQuadratic(ray.dyz, 2.0 * ray.doy,
-                                                          ray.oy2 - s * s + ray.oz2, roots);
-                int inside = 0;
-                for (int i = 0; i < count; ++i)
-                    inside += (tmin <= roots[i] && roots[i] <= tmax) ? 1 : 0;
-                if (inside == 0) {
-                    index = near;
-                } else if (inside == 1) {
-                    const double tc = (tmin <= roots[0] && roots[0] <= tmax) ? roots[0] : roots[1];
-                    if (tc >= 0) {
-                        push(Pending{far, tc, tmax});
-                        index = near;
-                        tmax = tc;
-                    } else {
-                        index = far;
-                        tmin = tc;
-                    }
-                } else {
-                    const double t0 = roots[0];
-                    const double t1 = roots[1];
-                    if (t1 < 0) {
-                        index = near;
-                        tmin = t1;
-                    } else if (t0 < 0) {
-                        push(Pending{near, t1, tmax});
-                        index = far;
-                        tmin = t0;
-                        tmax = t1;
-                    } else {
-                        push(Pending{near, t1, tmax});
-                        push(Pending{far, t0, t1});
-                        index = near;
-                        tmax = t0;
-                    }
-                }
-            } else {
-                const uint32_t near = s <= o ? high : low;
-                const uint32_t far = s <= o ? low : high;
-                const double tSplit = raymath::safeDivide(s - o, d);
-                if (0 <= tSplit && tSplit <= tmax) {
-                    if (tSplit >= tmin) {
-                        push(Pending{far, tSplit, tmax});
-                        index = near;
-                        tmax = tSplit;
-                    } else {
-                        index = far;
-                    }
-                } else {
-                    index = near;
-                }
-            }
+            if (o == s) index = descendFromPlane(node->index, d, tmin, tmax, push);
+            else if (axisymmetric && axis == 1) index = descendCylinder(node->index, s, ray, tmin, tmax, push);
+            else index = descendPlane(node->index, s, o, d, tmin, tmax, push);
             node = nodes + index;
         }
 
@@ -564,9 +562,9 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
         // The leaf's records lie apart: ask for all of them before testing the
         // first, so that their cache misses overlap instead of queueing.
         for (uint32_t k = 0; k < count; ++k) {
-            const char* record = reinterpret_cast<const char*>(data.records + entry[k] * Test::stride);
-            __builtin_prefetch(record);
-            __builtin_prefetch(record + 64);
+            const char* record = static_cast<const char*>(Test::record(data, entry[k]));
+            prefetch(record);
+            prefetch(record + 64);
         }
         double limit = tmax;
         int64_t best = -1;

@@ -16,13 +16,44 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <new>
 #include <vector>
 
 #include "geometry/BspTree.h"
 
 namespace hemiray {
+
+// What the ray test of one face reads, computed once per face by the expressions
+// the face-set tests use. Polygons of three or four nodes (a triangle leaves the
+// last entry of `others` unused); 128 bytes, two cache lines.
+struct alignas(64) PolygonRecord {
+    double normal[3];      // the area vector
+    double minDistance;    // 0.001 sqrt|normal|: nearer hits are the ray's own face
+    double last[3];        // the last node, where the edge loop starts
+    double others[3][3];   // the other nodes from the first on
+};
+
+// Planar segments: the first node twice for a face of one node.
+struct SegmentRecord {
+    double normal[3];
+    double minDistance;    // 0.001 |normal|
+    double first[3];
+    double second[3];
+};
+
+// Axisymmetric segments, revolved about the x axis into cones, cylinders or annuli.
+struct ConeRecord {
+    // Which form of the cone test applies: the quadratic with the position along the
+    // segment measured by x (axial) or by the radius (radial, steep cones), or the
+    // plane x = x0 of an annulus.
+    enum class Kind : int64_t { Axial, Radial, Annulus };
+
+    double x0, r0;         // the first node
+    double ex, er;         // the second node minus the first
+    double normal[3];
+    double minDistance;    // 0.001 |normal|
+    double ex2, er2, exR0; // ex ex, er er, ex r0
+    Kind kind;
+};
 
 class TraversalTree {
 public:
@@ -70,9 +101,6 @@ public:
     enum class Shape { Triangles, Quads, MixedPolygons, Segments, MixedSegments, Cones, MixedCones };
 
 private:
-    struct AlignedDelete {
-        void operator()(double* p) const { ::operator delete[](p, std::align_val_t{64}); }
-    };
 
     template <class Test>
     bool traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
@@ -93,8 +121,10 @@ private:
     std::vector<uint32_t> leafEntries_;  // record indices, leaf after leaf, in list order
     std::vector<int32_t> recordFace_;    // face index of each record
     std::vector<uint8_t> recordHasData_; // mixed shapes: 0 where the face set is read instead
-    std::unique_ptr<double[], AlignedDelete> records_;
-    size_t recordStride_ = 0;  // doubles per record
+    // The records of the one shape family the faces belong to, in record order.
+    std::vector<PolygonRecord> polygons_;
+    std::vector<SegmentRecord> segments_;
+    std::vector<ConeRecord> cones_;
 };
 
 }  // namespace hemiray
