@@ -27,6 +27,7 @@
 #include "input/SectionReader.h"
 #include "output/RowSink.h"
 #include "output/ViewFactorWriter.h"
+#include "repair/ViewFactorRepair.h"
 #include "run/ComputeAndWrite.h"
 #include "run/InputSource.h"
 #include "run/Model.h"
@@ -346,7 +347,8 @@ void restartGenerators(int threads) {
 // One run of the library on the model into an in-memory sink, with the given
 // thread count and, when resolution >= 0, that hemisphere resolution instead of
 // the model's own (set for the run and restored after it).
-py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
+py::dict compute(Model& model, int threads, int resolution, bool showProgress, bool perFace,
+                 uint64_t key) {
     if (threads < 1) threads = omp_get_num_procs();
     CsrRowSink sink;
     clearRunError();
@@ -365,6 +367,7 @@ py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
             RunOptions options;
             options.slotCount = threads;
             options.numThreads = threads;
+            options.sampling = Sampling{perFace, key};
             try {
                 ok = computeAndWrite(model, options, sink);
             } catch (const std::bad_alloc&) {
@@ -379,6 +382,46 @@ py::dict compute(Model& model, int threads, int resolution, bool showProgress) {
     if (!ok) raiseValue(message);
     return rowArrays(std::move(sink.activeGlobs), std::move(sink.rowStart), std::move(sink.columns),
                      std::move(sink.values));
+}
+
+// Repairs a square glob-by-glob CSR matrix with the library's repair; the repaired
+// matrix's arrays and the report.
+py::tuple repairMatrix(std::vector<int64_t> rowStart, std::vector<int32_t> columns,
+                       std::vector<double> values, std::vector<double> areas,
+                       std::vector<uint8_t> active, bool open) {
+    repair::CsrMatrix F;
+    F.rowStart = std::move(rowStart);
+    F.columns = std::move(columns);
+    F.values = std::move(values);
+    repair::RepairOptions options;
+    options.enclosure = open ? repair::Enclosure::open : repair::Enclosure::closed;
+    repair::CsrMatrix repaired;
+    repair::RepairReport report;
+    std::string error;
+    bool ok = false;
+    {
+        const py::gil_scoped_release released;
+        ok = repair::repairViewFactors(F, areas, active, options, repaired, report, error);
+    }
+    if (!ok) raiseValue(error);
+    const auto residuals = [](const repair::Residuals& r) {
+        py::dict d;
+        d["worst_closure"] = r.worstClosure;
+        d["weighted_closure"] = r.weightedClosure;
+        d["worst_reciprocity"] = r.worstReciprocity;
+        d["weighted_reciprocity"] = r.weightedReciprocity;
+        return d;
+    };
+    py::dict summary;
+    summary["before"] = residuals(report.before);
+    summary["after"] = residuals(report.after);
+    summary["largest_change"] = report.largestChange;
+    summary["energy_before"] = report.energyBefore;
+    summary["energy_after"] = report.energyAfter;
+    summary["sweeps"] = report.sweeps;
+    summary["converged"] = report.converged;
+    return py::make_tuple(adopt(std::move(repaired.rowStart)), adopt(std::move(repaired.columns)),
+                          adopt(std::move(repaired.values)), summary);
 }
 
 }  // namespace
@@ -428,5 +471,7 @@ PYBIND11_MODULE(_hemiray, m) {
     m.def("glob_areas", &globAreas, py::arg("model"));
     m.def("read_result", &readResult, py::arg("path"));
     m.def("compute", &compute, py::arg("model"), py::arg("threads"), py::arg("resolution"),
-          py::arg("progress"));
+          py::arg("progress"), py::arg("per_face"), py::arg("key"));
+    m.def("repair", &repairMatrix, py::arg("row_start"), py::arg("columns"), py::arg("values"),
+          py::arg("areas"), py::arg("active"), py::arg("open"));
 }

@@ -321,6 +321,22 @@ class Result:
         with_rows = scipy.sparse.diags(self.active.astype(np.float64))
         return (scipy.sparse.diags(self.areas) @ self.matrix @ with_rows).tocsr()
 
+    def repair(self, enclosure="closed"):
+        """The factors repaired by the library (as `hemiray repair`, equal shares):
+        exact reciprocity, and rows summing to 1 ("closed") or capped at 1 ("open").
+        Returns the repaired Result and a report of residuals before and after."""
+        if enclosure not in ("closed", "open"):
+            raise ValueError("enclosure must be 'closed' or 'open'")
+        m = self.matrix
+        start, columns, values, report = _hemiray.repair(
+            m.indptr.astype(np.int64), m.indices.astype(np.int32), m.data.astype(np.float64),
+            np.asarray(self.areas, dtype=np.float64), self.active.astype(np.uint8),
+            enclosure == "open")
+        square = scipy.sparse.csr_matrix((values, columns, start), shape=m.shape)[self.active_globs]
+        rows = {"active": self.active_globs, "row_start": square.indptr, "columns": square.indices,
+                "values": square.data}
+        return Result(self.model, rows, self.kind), report
+
     def to_vtu(self, path, to_globs=(), **options):
         """Writes the faces with glob, glob area, row sum, reciprocity and the factors
         to the globs in to_globs as cell data (meshio's VTU writer); fields={name:
@@ -333,28 +349,32 @@ class Result:
                 f"factors={self.matrix.nnz})")
 
 
-def view_factors(model, resolution=None, threads=None, sampling="default", seed="default",
+def view_factors(model, resolution=None, threads=None, sampling="team", seed=0,
                  progress=False):
     """Computes the view factors of the model with the library's run.
 
     resolution: hemisphere resolution (default: the model's own).
-    threads: worker threads (default: every core). Rows are reproducible for a
-        given thread count and equal those of the hemiray tool run with it.
-    sampling, seed: only "default": the hemicube turned about each face normal by
-        the library's per-thread generators, started afresh for every call.
+    threads: worker threads (default: every core).
+    sampling: "team" (also "default"): the hemicube is turned about each 3D face
+        normal by the library's per-thread generators, started afresh for every
+        call; rows are reproducible for a given thread count and equal those of
+        the hemiray tool run with it. "per-face": each face draws its turn from a
+        stream keyed by (seed, face), so rows depend on nothing of the schedule and
+        equal `hemiray run --sampling per-face --seed SEED` on any thread count.
+    seed: the key of per-face sampling (a whole number from 0 to 2^64 - 1).
     progress: print the library's console lines.
     """
-    if sampling != "default":
-        raise NotImplementedError(f"sampling={sampling!r}: the library samples every face "
-                                  "with its default scheme only")
-    if seed != "default":
-        raise NotImplementedError(f"seed={seed!r}: the library's generators have no key to set")
+    if sampling not in ("team", "default", "per-face"):
+        raise ValueError(f"sampling={sampling!r}: use 'team' or 'per-face'")
+    if not 0 <= int(seed) < 2 ** 64:
+        raise ValueError("seed must be a whole number from 0 to 2^64 - 1")
     if not isinstance(model, Model):
         raise TypeError("view_factors needs a hemiray.Model")
     if threads is not None and threads < 1:
         raise ValueError("threads must be at least 1")
     rows = _hemiray.compute(model._core, 0 if threads is None else int(threads),
-                            -1 if resolution is None else int(resolution), bool(progress))
+                            -1 if resolution is None else int(resolution), bool(progress),
+                            sampling == "per-face", int(seed))
     return Result(model, rows)
 
 

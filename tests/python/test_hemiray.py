@@ -86,6 +86,17 @@ def test_subdivided_cube_gives_the_analytic_factor_of_opposite_walls():
     assert hemiray.view_factors(coarse, resolution=40, threads=2).matrix[0, top] > 0.23
 
 
+def test_per_face_sampling_ignores_threads_and_repair_balances_the_cube():
+    model = hemiray.Model.from_meshio(cube_mesh(), subdivide_size=0.5)
+    one, two = (hemiray.view_factors(model, resolution=6, threads=t, sampling="per-face", seed=7)
+                for t in (1, 2))
+    assert (one.matrix != two.matrix).nnz == 0
+    repaired, report = one.repair()
+    assert report["before"]["weighted_reciprocity"] > 1e-6
+    assert np.abs(repaired.row_sums - 1).max() < 1e-12
+    assert abs(repaired.reciprocity_residuals).max() < 1e-12
+
+
 @pytest.mark.parametrize("dimension,area", [(2, 2.0), (1, 2 * np.pi * 1.0 * 2.0)])
 def test_segment_areas_are_lengths_or_revolved_areas(dimension, area):
     model = hemiray.Model([[0.0, 1.0], [2.0, 1.0]], [[0, 1]], dimension=dimension)
@@ -153,5 +164,5 @@ def test_bad_models_raise_with_the_library_message(tmp_path):
     for make, message in cases:
         with pytest.raises(ValueError, match=message):
             make()
-    with pytest.raises(NotImplementedError):
-        hemiray.view_factors(hemiray.Model(square, quad), sampling="per-face")
+    with pytest.raises(ValueError, match="sampling"):
+        hemiray.view_factors(hemiray.Model(square, quad), sampling="random")
