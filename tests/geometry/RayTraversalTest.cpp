@@ -12,6 +12,7 @@
 #include "models/RandomMeshes.h"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "support/RecursiveTraversal.h"
 
 namespace hemiray {
 namespace {

@@ -13,6 +13,7 @@
 
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "support/RecursiveTraversal.h"
 #include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 
