@@ -1,7 +1,7 @@
 // The ray/face tests of the three modes against hand-computed hits, the numeric
 // helpers, root-box clipping, and the order rules of the traversal that brute force
 // cannot see. That the traversal finds the nearest of all faces is
-// TreeVsBruteForceTest's job; its reference is intersectFace, checked here.
+// TraversalTreeTest's job; its reference is intersectFace, checked here.
 #include <gtest/gtest.h>
 
 #include <array>
