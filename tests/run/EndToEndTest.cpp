@@ -6,7 +6,7 @@
 // checksum is the text's (axisymmetric blocks write one coordinate per node, so
 // theirs is recorded apart). The console lines are the text run's, except that an
 // HDF5 run (here from gzip input: ".h5" and ".gz" anywhere in the name) has no
-// closing "100% done" line; the timing lines close every run. The checksums were
+// closing "100% done" line; every run prints its timing lines. The checksums were
 // recorded when the separate comparisons of these paths with the text run all passed.
 #include <gtest/gtest.h>
 
