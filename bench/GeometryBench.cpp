@@ -1,19 +1,18 @@
 // Tree construction and nearest-hit tracing on random closed meshes of every mode:
-// the node tree's recursive traversal (the reference), its flat tracing copy (the
-// run's path) and testing every face. Items per second are traced rays per second.
+// the flat tracing copy (the run's path) and testing every face. Items per second
+// are traced rays per second.
 // The memory counters of the build benchmark count the tree's own bytes: nodes at
 // sizeof(BspNode) and 4 bytes per face-list entry ("bytesPerFace"), and the same
 // with the allocator's usable block sizes ("allocatedBytesPerFace").
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
-#include <iostream>
 #include <limits>
 #include <map>
-#include <sstream>
 
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
 
 namespace hemiray {
@@ -31,14 +30,7 @@ const meshes::Mesh& meshFor(int64_t kindIndex, int64_t faces) {
     return *slot;
 }
 
-// The root constructor prints its depth line; benchmarks keep the console clean.
-std::unique_ptr<BspNode> quietTree(const MeshView& view) {
-    std::ostringstream sink;
-    auto* previous = std::cout.rdbuf(sink.rdbuf());
-    auto root = std::make_unique<BspNode>(view.faces->dimension, &view, true);
-    std::cout.rdbuf(previous);
-    return root;
-}
+using models::quietTree;
 
 struct TreeSize {
     int64_t nodes = 0;
@@ -87,36 +79,7 @@ void BM_BuildTree(benchmark::State& state) {
     state.SetLabel(meshes::nameOf(kinds[state.range(0)]));
 }
 
-bool traceTree(const BspNode& root, const meshes::Ray& ray, Vec3& point, int32_t& face) {
-    double tEnter = 0, tExit = 0;
-    if (!clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit)) return false;
-    return root.dimension == 1
-               ? traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter, tExit)
-               : traversePlanar(root, ray.origin, ray.direction, point, face, tEnter, tExit);
-}
-
-void BM_TraceTree(benchmark::State& state) {
-    const meshes::Mesh& mesh = meshFor(state.range(0), state.range(1));
-    const MeshView view{&mesh.nodes, &mesh.faces};
-    const auto root = quietTree(view);
-    const auto rays = meshes::randomRays(mesh, 8192, 777);
-    int64_t hits = 0;
-    for (auto _ : state) {
-        for (const meshes::Ray& ray : rays) {
-            Vec3 point;
-            int32_t face = -1;
-            hits += traceTree(*root, ray, point, face) ? 1 : 0;
-            benchmark::DoNotOptimize(face);
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(rays.size()));
-    setMeshCounters(state, mesh);
-    state.counters["hitShare"] =
-        static_cast<double>(hits) / static_cast<double>(state.iterations() * static_cast<int64_t>(rays.size()));
-    state.SetLabel(meshes::nameOf(kinds[state.range(0)]));
-}
-
-// The same rays through the flat tracing copy, as the run traces them.
+// Random rays through the flat tracing copy, as the run traces them.
 void BM_TraceFlat(benchmark::State& state) {
     const meshes::Mesh& mesh = meshFor(state.range(0), state.range(1));
     const MeshView view{&mesh.nodes, &mesh.faces};
@@ -185,7 +148,6 @@ void meshArguments(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_BuildTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_TraceTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TraceFlat)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FlattenTree)->Apply(meshArguments)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TraceBruteForce)->Apply(meshArguments)->Unit(benchmark::kMillisecond);

@@ -20,7 +20,6 @@ namespace {
 struct Prepared {
     std::unique_ptr<BenchModel> model;
     MeshView view;
-    std::unique_ptr<BspNode> tree;
     std::unique_ptr<TraversalTree> flat;
 };
 
@@ -32,15 +31,14 @@ const Prepared& prepared(int64_t modelIndex, int64_t faces) {
         slot->model = makeBenchModel(benchModelNames()[static_cast<size_t>(modelIndex)], faces);
         slot->view = MeshView{&slot->model->nodes, &slot->model->faces};
         std::streambuf* console = std::cout.rdbuf(nullptr);
-        slot->tree = std::make_unique<BspNode>(slot->model->dimension, &slot->view, true);
+        slot->flat = std::make_unique<TraversalTree>(
+            BspNode(slot->model->dimension, &slot->view, true));
         std::cout.rdbuf(console);
-        slot->flat = std::make_unique<TraversalTree>(*slot->tree);
     }
     return *slot;
 }
 
-// Through the node tree (reference) or its flat copy (the run's path).
-template <bool Flat>
+// Through the flat tracing copy, as the run traces.
 void BM_ViewFactorRow(benchmark::State& state) {
     const Prepared& p = prepared(state.range(0), state.range(1));
     const BenchModel& model = *p.model;
@@ -54,12 +52,8 @@ void BM_ViewFactorRow(benchmark::State& state) {
         for (int32_t k = 0; k < globsPerIteration; ++k) {
             const int32_t glob = static_cast<int32_t>(
                 (static_cast<int64_t>(k) * 2 + 1) * globCount / (2 * globsPerIteration));
-            if constexpr (Flat)
-                computeViewFactorRow(glob, model.dimension, hemisphere, model.faces, *model.globs,
-                                     model.zones, *p.flat, row);
-            else
-                computeViewFactorRow(glob, model.dimension, hemisphere, model.faces, *model.globs,
-                                     model.zones, *p.tree, row);
+            computeViewFactorRow(glob, model.dimension, hemisphere, model.faces, *model.globs,
+                                 model.zones, *p.flat, row);
             benchmark::DoNotOptimize(row.np);
             row.clear();
         }
@@ -70,12 +64,7 @@ void BM_ViewFactorRow(benchmark::State& state) {
 }
 
 // Arguments: model index (0 sphere, 1 room, 2 ring, 3 ring-axi), face count.
-BENCHMARK_TEMPLATE(BM_ViewFactorRow, false)
-    ->Name("BM_ViewFactorRowNodeTree")
-    ->ArgsProduct({{0, 1, 2, 3}, {10000, 100000}})
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_TEMPLATE(BM_ViewFactorRow, true)
-    ->Name("BM_ViewFactorRow")
+BENCHMARK(BM_ViewFactorRow)
     ->ArgsProduct({{0, 1, 2, 3}, {10000, 100000}})
     ->Unit(benchmark::kMillisecond);
 

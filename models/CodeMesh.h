@@ -10,12 +10,14 @@
 #include <initializer_list>
 #include <memory>
 #include <numbers>
+#include <utility>
 #include <vector>
 
 #include "Hemisphere"
 #include "SparseRowVector"
 #include "geometry/FaceGeometry.h"
 #include "geometry/GlobCentroids.h"
+#include "geometry/TraversalTree.h"
 #include "input/MeshModel.h"
 #include "models/QuietTree.h"
 #include "viewfactor/ViewFactorRow.h"
@@ -89,7 +91,7 @@ public:
         placeGlobCentroids(*globs);
         view.nodes = &nodes;
         view.faces = &faces;
-        tree = quietTree(view);
+        tree = std::make_unique<TraversalTree>(std::move(*quietTree(view)));
     }
 
     int32_t globCount() const { return globCount_; }
@@ -114,7 +116,7 @@ public:
     ZoneTable zones;
     std::unique_ptr<GlobTable> globs;
     MeshView view;
-    std::unique_ptr<BspNode> tree;
+    std::unique_ptr<TraversalTree> tree;  // the flat copy the runs trace
 
 private:
     int32_t globCount_ = 0;

@@ -1,6 +1,6 @@
-// Nearest-hit queries: the ray/face tests of the three modes, clipping to the root
-// box and the two recursive tree traversals. Pure functions of their arguments and
-// the read-only tree; they allocate nothing and are called from every worker thread.
+// The ray/face tests of the three modes, which the flat tracing tree and the glob
+// centroids share. Pure functions of their arguments; they allocate nothing and are
+// called from every worker thread.
 // A ray is O + t D; D need not be normalised.
 #pragma once
 
@@ -27,15 +27,5 @@ bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3
 // Dispatches on faces.dimension: 1 cone, 2 segment, otherwise polygon.
 bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
                    double tmin, double tmax, double& t);
-
-// Parameter interval of the ray inside the root box; false when it certainly misses.
-bool clipToRootBox(const BspNode& root, const Vec3& O, const Vec3& D, double& tEnter,
-                   double& tExit);
-
-// Nearest hit in [tmin, tmax]; hitPoint and hitFace are written only on a hit.
-bool traversePlanar(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                    int32_t& hitFace, double tmin, double tmax);
-bool traverseAxisymmetric(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                          int32_t& hitFace, double tmin, double tmax);
 
 }  // namespace hemiray

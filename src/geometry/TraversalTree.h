@@ -6,8 +6,9 @@
 // the faces so that neighbouring leaves read neighbouring records. The traversal
 // is a loop over an explicit stack instead of a recursion.
 //
-// Every result is bit for bit that of clipToRootBox followed by traversePlanar or
-// traverseAxisymmetric on the root: the same nodes are visited in the same order
+// Every result is bit for bit that of the literal recursive walk of the BspNode
+// tree (clipToRootBox, then traversePlanar or traverseAxisymmetric on the root),
+// which the tests keep as their oracle: the same nodes are visited in the same order
 // with the same intervals, the same faces are tested in the same order, and every
 // test evaluates the same floating-point expressions in the same order. Quantities
 // that depend only on the face (the minimum distance 0.001 sqrt|n|, products of the

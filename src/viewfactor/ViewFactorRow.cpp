@@ -5,7 +5,6 @@
 
 #include <cmath>
 
-#include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 
 namespace hemiray {
@@ -67,48 +66,6 @@ void rotationMatrix(double angle, const Vec3& axis, double M[9]) {
 
 namespace {
 
-// The row of one glob with `trace(O, D, hitPoint, hitFace)` answering the nearest
-// hit of each ray: the BSP tree itself or its flat tracing copy.
-template <class Trace>
-void computeRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
-                const Trace& trace, SparseRowVector& row) {
-    RotationCache rotation;
-    auto uniform = [] { return threadRandom() * (1.0 / 32768); };
-    double globArea = 0;
-    for (int32_t p = globs.globFaceStart[glob]; p < globs.globFaceStart[glob + 1]; ++p) {
-        const FaceFrame frame = faceFrame(dimension, faces, globs.globFaces[p], uniform);
-        globArea += frame.area;
-        // A zero-area face emits nothing: every ray would score weight x 0. Its
-        // normal and centroid are 0/0, so its rays are not traced at all.
-        if (!emits(frame)) continue;
-        for (int k = 0; k < hemisphere.size_; ++k) {
-            const int32_t column =
-                followRay(frame.origin, rayDirection(frame, hemisphere, k), faces, zones, trace, rotation);
-            if (column != noColumn) row.add(column, hemisphere.weight(k) * frame.area);
-        }
-    }
-    normaliseRow(row, globArea);
-}
-
-}  // namespace
-
-void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs,
-                          const ZoneTable& zones, const BspNode& tree,
-                          SparseRowVector& row) {
-    const bool axisymmetric = tree.dimension == 1;
-    const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
-        double tEnter = 0, tExit = 0;
-        if (!clipToRootBox(tree, O, D, tEnter, tExit)) return false;
-        return axisymmetric ? traverseAxisymmetric(tree, O, D, hitPoint, hitFace, tEnter, tExit)
-                            : traversePlanar(tree, O, D, hitPoint, hitFace, tEnter, tExit);
-    };
-    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
-}
-
-namespace {
-
 // The row through anything that traces one ray as the sampling loop needs it.
 template <class Tracer>
 void computeRowThrough(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
@@ -117,7 +74,7 @@ void computeRowThrough(int32_t glob, int32_t dimension, const Hemisphere& hemisp
     const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
         return tracer.trace(O, D, hitPoint, hitFace);
     };
-    computeRow(glob, dimension, hemisphere, faces, globs, zones, trace, row);
+    computeRowWith(glob, dimension, hemisphere, faces, globs, zones, trace, row);
 }
 
 }  // namespace

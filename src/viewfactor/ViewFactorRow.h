@@ -20,13 +20,9 @@ namespace hemiray {
 // Rays that cross mirror or periodic zones are abandoned after this many steps.
 inline constexpr int maxBounces = 100;
 
-// Fills row (empty on entry, as wide as the glob count) for glob. Reentrant: the
-// only per-thread state it touches besides the row is the thread's random state.
-void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
-                          const BspNode& tree, SparseRowVector& row);
-// The same row traced through the tree's flat copy (which runs trace): the same bits,
-// faster.
+// Fills row (empty on entry, as wide as the glob count) for glob, traced through
+// the tree's flat copy. Reentrant: the only per-thread state it touches besides the
+// row is the thread's random state.
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                           const TraversalTree& tree, SparseRowVector& row);
@@ -205,5 +201,29 @@ int threadRandom();
 // For tests: the calling thread's generator state, read and set.
 uint32_t threadRandomState();
 void setThreadRandomState(uint32_t state);
+
+// The row of one glob with `trace(O, D, hitPoint, hitFace)` answering the nearest
+// hit of each ray.
+template <class Trace>
+void computeRowWith(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
+                    const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                    const Trace& trace, SparseRowVector& row) {
+    RotationCache rotation;
+    auto uniform = [] { return threadRandom() * (1.0 / 32768); };
+    double globArea = 0;
+    for (int32_t p = globs.globFaceStart[glob]; p < globs.globFaceStart[glob + 1]; ++p) {
+        const FaceFrame frame = faceFrame(dimension, faces, globs.globFaces[p], uniform);
+        globArea += frame.area;
+        // A zero-area face emits nothing: every ray would score weight x 0. Its
+        // normal and centroid are 0/0, so its rays are not traced at all.
+        if (!emits(frame)) continue;
+        for (int k = 0; k < hemisphere.size_; ++k) {
+            const int32_t column =
+                followRay(frame.origin, rayDirection(frame, hemisphere, k), faces, zones, trace, rotation);
+            if (column != noColumn) row.add(column, hemisphere.weight(k) * frame.area);
+        }
+    }
+    normaliseRow(row, globArea);
+}
 
 }  // namespace hemiray

@@ -1,7 +1,7 @@
 // Tree construction: the depth line, the stopping rules, the rule that files a face
 // low, high or both, and structural invariants on random meshes of every mode. The
 // split axis, the split position and the root box padding only shape the tree; that
-// the shape never changes a hit is TreeVsBruteForceTest's job.
+// the shape never changes a hit is TraversalTreeTest's job (brute force).
 #include <gtest/gtest.h>
 
 #include <cmath>

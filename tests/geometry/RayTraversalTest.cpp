@@ -1,7 +1,7 @@
 // The ray/face tests of the three modes against hand-computed hits, the numeric
 // helpers, root-box clipping, and the order rules of the traversal that brute force
 // cannot see. That the traversal finds the nearest of all faces is
-// TreeVsBruteForceTest's job; its reference is intersectFace, checked here.
+// TraversalTreeTest's job; its reference is intersectFace, checked here.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,6 +12,7 @@
 #include "models/RandomMeshes.h"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "support/RecursiveTraversal.h"
 
 namespace hemiray {
 namespace {
@@ -249,13 +250,19 @@ TEST(ClipToRootBox, SlabsAndTheAxisymmetricCylinderGiveTheEntryAndExit) {
     root3d.boxMax = Vec3(1, 2, 3);
     rootAxi.boxMin = Vec3(0, 0.25, 0);
     rootAxi.boxMax = Vec3(4, 1, 0);
+    const TraversalTree flat3d(root3d), flatAxi(rootAxi);
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.O << " along " << c.D);
-        double tEnter = 0, tExit = 0;
-        ASSERT_EQ(clipToRootBox(c.kind == Kind::Quads ? root3d : rootAxi, c.O, c.D, tEnter, tExit), c.ok);
-        if (!c.ok) continue;
-        EXPECT_DOUBLE_EQ(tEnter, c.tEnter);
-        EXPECT_DOUBLE_EQ(tExit, c.tExit);
+        // The node tree's clip and the flat copy's, which the runs use.
+        for (const bool flat : {false, true}) {
+            double tEnter = 0, tExit = 0;
+            const bool ok = flat ? (c.kind == Kind::Quads ? flat3d : flatAxi).clip(c.O, c.D, tEnter, tExit)
+                                 : clipToRootBox(c.kind == Kind::Quads ? root3d : rootAxi, c.O, c.D, tEnter, tExit);
+            ASSERT_EQ(ok, c.ok) << (flat ? "flat copy" : "node tree");
+            if (!c.ok) continue;
+            EXPECT_DOUBLE_EQ(tEnter, c.tEnter);
+            EXPECT_DOUBLE_EQ(tExit, c.tExit);
+        }
     }
 }
 

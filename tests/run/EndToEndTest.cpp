@@ -5,8 +5,9 @@
 // block, gzip, a rerun and three threads must give the text run's bytes, so their
 // checksum is the text's (axisymmetric blocks write one coordinate per node, so
 // theirs is recorded apart). The console lines are the text run's, except that an
-// HDF5 run has no closing "100% done" line. The checksums were recorded when the
-// separate comparisons of these paths with the text run all passed.
+// HDF5 run (here from gzip input: ".h5" and ".gz" anywhere in the name) has no
+// closing "100% done" line; every run prints its timing lines. The checksums were
+// recorded when the separate comparisons of these paths with the text run all passed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include "ResultFile.h"
 #include "input/MeshBlockPacker.h"
 #include "support/Checksum.h"
+#include "support/Hdf5Read.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 
@@ -132,6 +134,7 @@ TEST_P(EndToEnd, ResultHasItsRecordedChecksum) {
         const auto r = testing::runLibrary(name, options);
         EXPECT_EQ(r.result, 1) << r.err;
         EXPECT_EQ(r.err, "");
+        EXPECT_NE(r.out.find(" (s)\n# Wall time: "), std::string::npos) << r.out;
         return withoutTimings(r.out);
     };
     writeFile(dir.file("text"), text);
@@ -172,13 +175,16 @@ TEST_P(EndToEnd, ResultHasItsRecordedChecksum) {
             break;
         }
         case Path::Hdf5: {
-            writeFile(name + ".h5", text);
+            writeFile(name, text);
+            shell("gzip -c " + name + " > " + name + ".h5.gz");
             expectedConsole = console.substr(0, console.rfind("#\t100% done!\n"));
-            EXPECT_EQ(run(name + ".h5"), expectedConsole);
+            EXPECT_EQ(run(name + ".h5.gz"), expectedConsole);
             cli::ResultFile read;
             std::string error;
-            ASSERT_TRUE(cli::readResultFile(name + ".h5", read, error)) << error;
+            ASSERT_TRUE(cli::readResultFile(name + ".h5.gz", read, error)) << error;
             EXPECT_EQ(testing::hex(resultSum(read)), testing::hex(sums.hdf5));
+            EXPECT_NE(testing::h5dump(name + ".h5.gz", "-a /headerText").find("\"end-to-end\""),
+                      std::string::npos);
             return;
         }
         case Path::Rerun:  // a result read as input skips its rows

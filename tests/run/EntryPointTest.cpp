@@ -1,11 +1,14 @@
 // The exported entry point: input selection by name, the size section, the failure
-// lines and results, the console lines of repeated calls, compressed input and
-// output under names that are never shell syntax, and the output sink.
+// lines and results, in-memory blocks that fail, the console lines of repeated
+// calls, compressed input and output under names that are never shell syntax, and
+// the output sink.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 
+#include "input/MeshBlockPacker.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
 #include "support/RunHelpers.h"
@@ -192,19 +195,64 @@ TEST(EntryPoint, FileNamesAreNeverShellSyntax) {
     }
 }
 
+// A run of an in-memory block (packed or direct).
+testing::RunResult runBlock(const std::string& name, const void* block, bool directFields) {
+    testing::RunOptions options;
+    options.fromFile = false;
+    options.block = block;
+    options.directFields = directFields;
+    return runLibrary(name, options);
+}
+
 TEST(EntryPoint, UnopenableOutputFailsWithItsLine) {
     // In-memory input reads no file, so the output name may point anywhere.
     const std::vector<std::byte> block = testing::packText(planarModelText());
     ScratchDir dir;
     const std::string name = dir.file("no/such/folder/result");
-    testing::RunOptions options;
-    options.fromFile = false;
-    options.block = block.data();
-    const auto r = runLibrary(name, options);
+    const auto r = runBlock(name, block.data(), false);
     EXPECT_EQ(r.result, 0);
     EXPECT_EQ(r.err, "error: couldn't open output file: " + name +
                          "\nerror: couldn't calculate view factors!\n");
     EXPECT_EQ(r.out.find("# Create BSP tree"), std::string::npos);
+}
+
+// Blocks that fail: a missing or implausible block fails the call with its lines,
+// a block whose counts overrun it ends the process. That good blocks give the
+// text's result is the end-to-end suite's (EndToEndTest).
+TEST(InMemoryRunFailures, MissingOrImplausibleBlockFailsTheCall) {
+    ScratchDir dir;
+    for (const bool directFields : {false, true}) {
+        const auto r = runBlock(dir.file("out"), nullptr, directFields);
+        EXPECT_EQ(r.result, 0);
+        EXPECT_EQ(r.out, "# Read parameter section...\n");
+        EXPECT_EQ(r.err, "error: no mesh data given\nerror: couldn't calculate view factors!\n");
+    }
+    // The size values and the resolution of a block meet the same checks as text.
+    std::vector<std::byte> packed = testing::packText(testing::exampleText("polygon", 1, 6));
+    hemiray_block_head head;
+    std::memcpy(&head, packed.data(), sizeof head);
+    head.dimension = 4;
+    std::memcpy(packed.data(), &head, sizeof head);
+    const auto r = runBlock(dir.file("out"), packed.data(), false);
+    EXPECT_EQ(r.result, 0);
+    EXPECT_EQ(r.err,
+              "error: dimension 4 in the size section is not 1 (axisymmetric), 2 (planar) or 3\n"
+              "error: couldn't calculate view factors!\n");
+    EXPECT_EQ(fileCount(dir.path()), 0u);
+}
+
+TEST(InMemoryRunFailuresDeathTest, BadBlockEndsTheProcessBeforeAnyOutput) {
+    std::vector<std::byte> packed = testing::packText(testing::exampleText("plates", 1, 6));
+    hemiray_block_head head;
+    std::memcpy(&head, packed.data(), sizeof head);
+    head.faceNodeCount += 1;  // one node reference more than the block holds
+    std::memcpy(packed.data(), &head, sizeof head);
+    ScratchDir dir;
+    const std::string name = dir.file("out");
+    EXPECT_EXIT(raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, packed.data(), "x", false,
+                               false, 0),
+                ::testing::ExitedWithCode(1), "file i/o error: mesh block counts overrun its length\n$");
+    EXPECT_EQ(fileCount(dir.path()), 0u);
 }
 
 TEST(OutputSink, TargetIsReplacedOnlyByACommit) {

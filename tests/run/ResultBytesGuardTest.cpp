@@ -21,12 +21,12 @@
 
 #include "SparseRowVector"
 #include "geometry/RayTracer.h"
-#include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
 #include "models/ExampleModels.h"
 #include "models/RandomMeshes.h"
 #include "support/Checksum.h"
 #include "support/LoadedModel.h"
+#include "support/RecursiveTraversal.h"
 #include "support/RunHelpers.h"
 #include "viewfactor/ViewFactorRow.h"
 

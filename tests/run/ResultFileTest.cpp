@@ -23,16 +23,6 @@ using testing::exampleText;
 using testing::writeFile;
 
 
-// Runs a copy of a model and returns the result file's bytes.
-std::string runCopy(const ScratchDir& dir, const std::string& name, const std::string& model,
-                    const RunOptions& options = {}) {
-    writeFile(dir.file(name), model);
-    const auto r = runLibrary(dir.file(name), options);
-    EXPECT_EQ(r.result, 1) << r.err;
-    EXPECT_EQ(r.err, "");
-    return readFile(dir.file(name));
-}
-
 // The three golden models are built so that every row is known without running the
 // code: in each, the rays of a glob can only end on one other glob (the rest of the
 // enclosure is mirror or periodic), so the factor is 1 whatever the directions.
@@ -55,8 +45,11 @@ class GoldenResult : public ::testing::TestWithParam<GoldenCase> {};
 TEST_P(GoldenResult, RunWritesTheHandWrittenFile) {
     const GoldenCase& c = GetParam();
     ScratchDir dir;
-    const std::string result = runCopy(dir, "model", readFile(testing::goldenPath(c.model)), c.options);
-    EXPECT_EQ(result, readFile(testing::goldenPath(c.expected)));
+    writeFile(dir.file("model"), readFile(testing::goldenPath(c.model)));
+    const auto r = runLibrary(dir.file("model"), c.options);
+    EXPECT_EQ(r.result, 1) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(readFile(dir.file("model")), readFile(testing::goldenPath(c.expected)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -89,18 +82,12 @@ TEST(ResultFile, NoActiveGlobStillClosesTheRowSection) {
     EXPECT_EQ(result.substr(result.size() - 13), "(308 (0)\n())\n");
 }
 
-}  // namespace
-}  // namespace hemiray
-
-namespace hemiray {
-namespace {
-
 // Hosts that watch a run read the progress file: "<percent>" and "." on two lines,
 // rewritten at each 10 % step and "100" at the end. The entry point has no argument
 // for it, so the driver is called directly.
 TEST(ResultFile, ProgressFileEndsAtOneHundred) {
-    testing::ScratchDir dir;
-    testing::writeFile(dir.file("m"), testing::exampleText("polygon", 3, 6));
+    ScratchDir dir;
+    writeFile(dir.file("m"), exampleText("polygon", 3, 6));
     auto input = openInputSource(dir.file("m"));
     SizeSection sizes;
     ASSERT_TRUE(readSizeSection(*input, sizes));
@@ -112,7 +99,7 @@ TEST(ResultFile, ProgressFileEndsAtOneHundred) {
     const std::string out = ::testing::internal::GetCapturedStdout();
     ASSERT_TRUE(ok);
     EXPECT_NE(out.find("#\t 90% done..."), std::string::npos);
-    EXPECT_EQ(testing::readFile(dir.file("progress")), "100\n.\n");
+    EXPECT_EQ(readFile(dir.file("progress")), "100\n.\n");
 }
 
 }  // namespace
