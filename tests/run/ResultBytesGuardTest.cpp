@@ -110,26 +110,26 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
 // use: both must give the recorded bits.
 TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
     const GuardCase& c = GetParam();
-    testing::LoadedModel model;
-    ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), model));
-    const TraversalTree flat(*model.tree);
-    const RayTracer tracer(flat, model.faces, TraceEngine::Bvh);
+    testing::LoadedModel loaded;
+    ASSERT_TRUE(testing::loadModel(exampleText(c.model, c.n, c.resolution), loaded));
+    const Model& m = *loaded.model;
+    const FaceSet& faces = m.participatingFaces;
+    const TraversalTree flat(*loaded.tree);
+    const RayTracer tracer(flat, faces, TraceEngine::Bvh);
     for (const int way : {0, 1, 2}) {  // the node tree, its flat copy, the run's tracer
         SparseRowVector row;
-        row.resize(model.sizes.globCount);
+        row.resize(m.sizes.globCount);
         Fnv1a hash;
         setThreadRandomState(1);
-        for (int32_t g = 0; g < model.globs->globCount(); ++g) {
-            if (!model.globs->globActive[g]) continue;
-            if (way == 2)
-                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
-                                     *model.globs, model.zones, tracer, row);
-            else if (way == 1)
-                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
-                                     *model.globs, model.zones, flat, row);
-            else
-                computeViewFactorRow(g, model.sizes.dimension, *model.hemisphere, model.faces,
-                                     *model.globs, model.zones, *model.tree, row);
+        for (int32_t g = 0; g < loaded.globs->globCount(); ++g) {
+            if (!loaded.globs->globActive[g]) continue;
+            const auto compute = [&](const auto& through) {
+                computeViewFactorRow(g, m.sizes.dimension, *loaded.hemisphere, faces, *loaded.globs,
+                                     m.zones, through, row);
+            };
+            if (way == 2) compute(tracer);
+            else if (way == 1) compute(flat);
+            else compute(*loaded.tree);
             hash.value(int64_t{g});
             hash.value(int64_t{row.np});
             for (int k = 0; k < row.np; ++k) {
