@@ -16,19 +16,19 @@
 #include <embree3/rtcore.h>
 
 #include <chrono>
-#include <ctime>
 #include <cmath>
+#include <ctime>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
 
-#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "geometry/BspTree.h"
 #include "geometry/RayTracer.h"
 #include "geometry/TraversalTree.h"
+#include "models/BenchModels.h"
 
 namespace hemiray::bench {
 namespace {
@@ -83,8 +83,8 @@ double threadCpuSeconds() {
 RTCGeometry embreeGeometry(RTCDevice device, const BenchModel& model) {
     const FaceSet& faces = model.faces;
     const int32_t corners = faces.faceNodeStart[1] - faces.faceNodeStart[0];
-    RTCGeometry geometry = rtcNewGeometry(
-        device, corners == 3 ? RTC_GEOMETRY_TYPE_TRIANGLE : RTC_GEOMETRY_TYPE_QUAD);
+    RTCGeometry geometry =
+        rtcNewGeometry(device, corners == 3 ? RTC_GEOMETRY_TYPE_TRIANGLE : RTC_GEOMETRY_TYPE_QUAD);
     auto* vertices = static_cast<float*>(
         rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
                                 3 * sizeof(float), model.nodes.size()));
@@ -150,7 +150,8 @@ const Scene& sceneFor(int64_t modelIndex, int64_t faces) {
         s.ourFaces[i] = traceOurs(*s.flat, s.rays[i].origin, s.rays[i].direction, face) ? face : -1;
         Vec3 point, flatPoint;
         int32_t bvhFace = -1;
-        const bool hit = s.tracer->trace(s.rays[i].origin, s.rays[i].direction, point, bvhFace, s.fallbacks);
+        const bool hit =
+            s.tracer->trace(s.rays[i].origin, s.rays[i].direction, point, bvhFace, s.fallbacks);
         const bool flatHit = s.flat->trace(s.rays[i].origin, s.rays[i].direction, flatPoint, face);
         if (hit != flatHit || (hit && (bvhFace != face || !(point == flatPoint)))) ++s.mismatches;
     }
@@ -168,9 +169,11 @@ const Scene& sceneFor(int64_t modelIndex, int64_t faces) {
 void setCounters(benchmark::State& state, const Scene& s, int64_t hits) {
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.rays.size()));
     // Counters are summed over the benchmark's threads unless marked as averages.
-    state.counters["faces"] = benchmark::Counter(s.model->faces.faceCount(), benchmark::Counter::kAvgThreads);
+    state.counters["faces"] =
+        benchmark::Counter(s.model->faces.faceCount(), benchmark::Counter::kAvgThreads);
     state.counters["hitShare"] = benchmark::Counter(
-        static_cast<double>(hits) / static_cast<double>(state.iterations() * static_cast<int64_t>(s.rays.size())),
+        static_cast<double>(hits) /
+            static_cast<double>(state.iterations() * static_cast<int64_t>(s.rays.size())),
         benchmark::Counter::kAvgThreads);
     state.SetLabel(s.model->name);
 }
@@ -193,8 +196,12 @@ void traceRaySet(benchmark::State& state) {
     setCounters(state, s, hits);
 }
 
-void BM_Hemiray(benchmark::State& state) { traceRaySet<false>(state); }
-void BM_Bvh(benchmark::State& state) { traceRaySet<true>(state); }
+void BM_Hemiray(benchmark::State& state) {
+    traceRaySet<false>(state);
+}
+void BM_Bvh(benchmark::State& state) {
+    traceRaySet<true>(state);
+}
 
 void BM_Embree(benchmark::State& state) {
     const Scene& s = sceneFor(state.range(0), state.range(1));
@@ -211,7 +218,8 @@ void BM_Embree(benchmark::State& state) {
     }
     setCounters(state, s, hits);
     state.counters["agreement"] = benchmark::Counter(
-        static_cast<double>(agree) / static_cast<double>(state.iterations() * static_cast<int64_t>(s.rays.size())),
+        static_cast<double>(agree) /
+            static_cast<double>(state.iterations() * static_cast<int64_t>(s.rays.size())),
         benchmark::Counter::kAvgThreads);
 }
 
@@ -248,7 +256,8 @@ void BM_Ratio(benchmark::State& state) {
         bvh += afterBvh - afterBsp;
         embree += end - afterBvh;
     }
-    const double rays = static_cast<double>(state.iterations()) * static_cast<double>(s.rays.size());
+    const double rays =
+        static_cast<double>(state.iterations()) * static_cast<double>(s.rays.size());
     const double faces = s.model->faces.faceCount();
     state.counters["faces"] = faces;
     state.counters["bspRate"] = rays / bsp;
@@ -256,7 +265,8 @@ void BM_Ratio(benchmark::State& state) {
     state.counters["embreeRate"] = rays / embree;
     state.counters["bspRatio"] = embree / bsp;
     state.counters["bvhRatio"] = embree / bvh;
-    state.counters["fallbackShare"] = static_cast<double>(s.fallbacks) / static_cast<double>(s.rays.size());
+    state.counters["fallbackShare"] =
+        static_cast<double>(s.fallbacks) / static_cast<double>(s.rays.size());
     state.counters["fallbacks"] = static_cast<double>(s.fallbacks);
     state.counters["mismatches"] = static_cast<double>(s.mismatches);
     state.counters["bspBuildS"] = s.bspBuildSeconds;
@@ -273,9 +283,16 @@ void sizes(benchmark::internal::Benchmark* b) {
         for (int64_t faces : {10000, 100000, 1000000}) b->Args({model, faces});
 }
 
-BENCHMARK(BM_Hemiray)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Bvh)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Embree)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Hemiray)
+    ->Apply(sizes)
+    ->UseRealTime()
+    ->Threads(1)
+    ->Threads(2)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Bvh)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(
+    benchmark::kMillisecond);
+BENCHMARK(BM_Embree)->Apply(sizes)->UseRealTime()->Threads(1)->Threads(2)->Unit(
+    benchmark::kMillisecond);
 BENCHMARK(BM_Ratio)->Apply(sizes)->Unit(benchmark::kMillisecond);
 
 }  // namespace

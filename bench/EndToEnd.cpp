@@ -22,21 +22,21 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <limits.h>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <limits.h>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "SparseRowVector"
+#include "models/BenchModels.h"
 #include "output/RowSink.h"
 #include "run/ComputeAndWrite.h"
 #include "run/Model.h"
@@ -193,9 +193,12 @@ std::string selfPath() {
 
 std::string human(double value) {
     std::ostringstream s;
-    if (value >= 1e6) s << std::fixed << std::setprecision(2) << value / 1e6 << " M";
-    else if (value >= 1e3) s << std::fixed << std::setprecision(1) << value / 1e3 << " k";
-    else s << std::fixed << std::setprecision(0) << value;
+    if (value >= 1e6)
+        s << std::fixed << std::setprecision(2) << value / 1e6 << " M";
+    else if (value >= 1e3)
+        s << std::fixed << std::setprecision(1) << value / 1e3 << " k";
+    else
+        s << std::fixed << std::setprecision(0) << value;
     return s.str();
 }
 
@@ -234,9 +237,8 @@ int runAll(const std::vector<std::string>& modelNames, const std::vector<int64_t
                           << human(std::stod(f[6])) << " | " << std::setprecision(3)
                           << std::stod(f[8]) << " | " << std::stod(f[9]) << " | "
                           << std::stod(f[10]) << " | " << std::stod(f[11]) << " | "
-                          << human(std::stod(f[12])) << " | " << human(std::stod(f[14]))
-                          << " | " << std::setprecision(4) << std::stod(f[16]) << " |"
-                          << std::endl;
+                          << human(std::stod(f[12])) << " | " << human(std::stod(f[14])) << " | "
+                          << std::setprecision(4) << std::stod(f[16]) << " |" << std::endl;
             }
     return 0;
 }
@@ -259,8 +261,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> modelNames = benchModelNames();
     std::vector<int64_t> faceCounts = {1000, 10000, 100000};
     std::vector<int> threadCounts = {1, 2};
-    int resolution = 8;          // 3D and axisymmetric: 192 directions per face
-    int planarResolution = 96;   // planar: 192 directions per face
+    int resolution = 8;         // 3D and axisymmetric: 192 directions per face
+    int planarResolution = 96;  // planar: 192 directions per face
     std::string write;
     std::string csvName;
     if (args.size() % 2 != 0) {
@@ -272,17 +274,23 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i + 1 < args.size(); i += 2) {
         const std::string& key = args[i];
         const std::string& value = args[i + 1];
-        if (key == "--models") modelNames = split(value);
+        if (key == "--models")
+            modelNames = split(value);
         else if (key == "--faces") {
             faceCounts.clear();
-            for (const auto& item : split(value)) faceCounts.push_back(std::llround(std::stod(item)));
+            for (const auto& item : split(value))
+                faceCounts.push_back(std::llround(std::stod(item)));
         } else if (key == "--threads") {
             threadCounts.clear();
             for (const auto& item : split(value)) threadCounts.push_back(std::stoi(item));
-        } else if (key == "--resolution") resolution = std::stoi(value);
-        else if (key == "--planar-resolution") planarResolution = std::stoi(value);
-        else if (key == "--write") write = value;
-        else if (key == "--csv") csvName = value;
+        } else if (key == "--resolution")
+            resolution = std::stoi(value);
+        else if (key == "--planar-resolution")
+            planarResolution = std::stoi(value);
+        else if (key == "--write")
+            write = value;
+        else if (key == "--csv")
+            csvName = value;
         else {
             std::cerr << "unknown option " << key << std::endl;
             return 2;

@@ -42,7 +42,8 @@ void measure(const BspNode& node, TreeSize& size, bool isRoot) {
     ++size.nodes;
     size.listEntries += node.faceCount;
     size.allocated += isRoot ? static_cast<int64_t>(sizeof(BspNode)) : 0;
-    if (node.faceList) size.allocated += static_cast<int64_t>(malloc_usable_size(node.faceList.get()));
+    if (node.faceList)
+        size.allocated += static_cast<int64_t>(malloc_usable_size(node.faceList.get()));
     for (const auto& child : node.child) {
         if (!child) continue;
         size.allocated += static_cast<int64_t>(malloc_usable_size(child.get()));
@@ -98,7 +99,8 @@ void BM_TraceFlat(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(rays.size()));
     setMeshCounters(state, mesh);
     state.counters["hitShare"] =
-        static_cast<double>(hits) / static_cast<double>(state.iterations() * static_cast<int64_t>(rays.size()));
+        static_cast<double>(hits) /
+        static_cast<double>(state.iterations() * static_cast<int64_t>(rays.size()));
     state.counters["flatBytesPerFace"] =
         static_cast<double>(flat.bytes()) / static_cast<double>(mesh.faces.faceCount());
     state.SetLabel(meshes::nameOf(kinds[state.range(0)]));

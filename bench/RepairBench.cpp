@@ -42,13 +42,15 @@ Synthetic synthetic(int32_t globs, int32_t half) {
         for (int32_t k = -half; k <= half; ++k) {
             if (k == 0) continue;
             const int32_t j = ((i + k) % globs + globs) % globs;
-            const uint64_t pair = uint64_t(std::min(i, j)) * uint64_t(globs) + uint64_t(std::max(i, j));
+            const uint64_t pair =
+                uint64_t(std::min(i, j)) * uint64_t(globs) + uint64_t(std::max(i, j));
             const double energy = (0.5 + uniform(pair)) * (0.9 + 0.2 * uniform(pair * 2 + (i < j)));
             s.F.columns.push_back(j);
             s.F.values.push_back(energy / s.area[i]);
             sum += energy / s.area[i];
         }
-        for (int64_t k = begin; k < static_cast<int64_t>(s.F.values.size()); ++k) s.F.values[k] /= sum;
+        for (int64_t k = begin; k < static_cast<int64_t>(s.F.values.size()); ++k)
+            s.F.values[k] /= sum;
         s.F.rowStart.push_back(static_cast<int64_t>(s.F.columns.size()));
     }
     return s;
@@ -85,7 +87,12 @@ void RepairClosed(benchmark::State& state) {
     state.counters["extra_peak_MiB"] = extraBytes / (1 << 20);
     state.counters["extra_per_result"] = extraBytes / resultBytes;
 }
-BENCHMARK(RepairClosed)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(RepairClosed)
+    ->Arg(10000)
+    ->Arg(30000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 }  // namespace
 }  // namespace hemiray::bench

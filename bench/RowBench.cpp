@@ -7,11 +7,11 @@
 #include <map>
 #include <memory>
 
-#include "models/BenchModels.h"
 #include "Hemisphere"
 #include "SparseRowVector"
 #include "geometry/BspTree.h"
 #include "geometry/TraversalTree.h"
+#include "models/BenchModels.h"
 #include "viewfactor/ViewFactorRow.h"
 
 namespace hemiray::bench {
@@ -31,8 +31,8 @@ const Prepared& prepared(int64_t modelIndex, int64_t faces) {
         slot->model = makeBenchModel(benchModelNames()[static_cast<size_t>(modelIndex)], faces);
         slot->view = MeshView{&slot->model->nodes, &slot->model->faces};
         std::streambuf* console = std::cout.rdbuf(nullptr);
-        slot->flat = std::make_unique<TraversalTree>(
-            BspNode(slot->model->dimension, &slot->view, true));
+        slot->flat =
+            std::make_unique<TraversalTree>(BspNode(slot->model->dimension, &slot->view, true));
         std::cout.rdbuf(console);
     }
     return *slot;
@@ -50,8 +50,8 @@ void BM_ViewFactorRow(benchmark::State& state) {
     constexpr int32_t globsPerIteration = 8;
     for (auto _ : state) {
         for (int32_t k = 0; k < globsPerIteration; ++k) {
-            const int32_t glob = static_cast<int32_t>(
-                (static_cast<int64_t>(k) * 2 + 1) * globCount / (2 * globsPerIteration));
+            const int32_t glob = static_cast<int32_t>((static_cast<int64_t>(k) * 2 + 1) *
+                                                      globCount / (2 * globsPerIteration));
             computeViewFactorRow(glob, model.dimension, hemisphere, model.faces, *model.globs,
                                  model.zones, *p.flat, row);
             benchmark::DoNotOptimize(row.np);

@@ -17,16 +17,20 @@ ErrorLaw errorLaw(int32_t dimension) {
     // error grows as its square root; in the plane and in axisymmetric runs the
     // direction set is not turned and faces hardly average out.
     switch (dimension) {
-    case 1: return {0.878, 0.476, 1.20, 0.148, 3};
-    case 2: return {1.93, 0.790, 0.528, 0.964, 3};
-    default: return {0.632, 0.521, 1.23, 0.559, 3};
+        case 1:
+            return {0.878, 0.476, 1.20, 0.148, 3};
+        case 2:
+            return {1.93, 0.790, 0.528, 0.964, 3};
+        default:
+            return {0.632, 0.521, 1.23, 0.559, 3};
     }
 }
 
 double expectedFactorError(int32_t dimension, double factor, int32_t resolution, int32_t faces) {
     const ErrorLaw law = errorLaw(dimension);
     return law.coefficient * std::pow(std::max(factor, 0.0), law.factorPower) *
-           std::pow(std::max(resolution, 1), -law.resolutionPower) * std::pow(std::max(faces, 1), -law.facesPower);
+           std::pow(std::max(resolution, 1), -law.resolutionPower) *
+           std::pow(std::max(faces, 1), -law.facesPower);
 }
 
 namespace {
@@ -59,9 +63,12 @@ bool checkBands(ResultFile& result, BandSummary& s, std::string& error) {
     if (!resultMatrix(result, F, area, active, error)) return false;
     const std::vector<int64_t> reverse = repair::reverseEntries(F);
     const std::vector<int32_t> faces = globFaceCounts(result);
-    const int32_t dimension = result.sizes.dimension, resolution = result.parameters.hemisphereResolution;
+    const int32_t dimension = result.sizes.dimension,
+                  resolution = result.parameters.hemisphereResolution;
     const double scatter = errorLaw(dimension).scatter;
-    auto expected = [&](int32_t g, double factor) { return expectedFactorError(dimension, factor, resolution, faces[g]); };
+    auto expected = [&](int32_t g, double factor) {
+        return expectedFactorError(dimension, factor, resolution, faces[g]);
+    };
 
     s = BandSummary{};
     double exchanged = 0, band = 0;
@@ -80,8 +87,10 @@ bool checkBands(ResultFile& result, BandSummary& s, std::string& error) {
             const double back = reverse[k] < 0 ? 0.0 : F.values[reverse[k]];
             const double residual = std::abs(area[i] * f - area[j] * back);
             const double energy = 0.5 * (area[i] * f + area[j] * back);
-            const double pairBand = area[i] * expected(i, energy / area[i]) + area[j] * expected(j, energy / area[j]);
-            const double limit = scatter * pairBand + area[i] * rounding(result, f) + area[j] * rounding(result, back);
+            const double pairBand =
+                area[i] * expected(i, energy / area[i]) + area[j] * expected(j, energy / area[j]);
+            const double limit = scatter * pairBand + area[i] * rounding(result, f) +
+                                 area[j] * rounding(result, back);
             exchanged += area[i] * f;
             band += pairBand;
             ++s.pairs;
@@ -112,13 +121,15 @@ void printBands(std::ostream& out, const BandSummary& s, const ResultFile& r, bo
     if (perGlob) {
         out << "  glob  faces  expected error  worst/band  (with glob)  pairs beyond\n";
         for (const RowBand& row : s.rows)
-            out << std::setw(6) << row.glob << std::setw(7) << row.faces << std::setw(16) << row.expectedError
-                << std::setw(12) << row.worstRatio << "  (" << row.worstPartner << ")" << std::setw(14)
-                << row.pairsBeyond << (row.sumAboveOne ? "  row sum above 1" : "") << '\n';
+            out << std::setw(6) << row.glob << std::setw(7) << row.faces << std::setw(16)
+                << row.expectedError << std::setw(12) << row.worstRatio << "  (" << row.worstPartner
+                << ")" << std::setw(14) << row.pairsBeyond
+                << (row.sumAboveOne ? "  row sum above 1" : "") << '\n';
     }
     out << "sampling band: a factor F is expected to be off by " << law.coefficient << " F^"
-        << std::defaultfloat << std::setprecision(3) << law.factorPower << " R^-" << law.resolutionPower
-        << " n^-" << law.facesPower << std::scientific << std::setprecision(2) << " (R = " << r.parameters.hemisphereResolution
+        << std::defaultfloat << std::setprecision(3) << law.factorPower << " R^-"
+        << law.resolutionPower << " n^-" << law.facesPower << std::scientific
+        << std::setprecision(2) << " (R = " << r.parameters.hemisphereResolution
         << ", n faces of its glob): " << s.smallestExpectedError << " .. " << s.largestExpectedError
         << " for factors of the rows' mean size\n"
         << "reciprocity expected from sampling: " << s.expectedWeightedReciprocity
@@ -132,9 +143,9 @@ void printBands(std::ostream& out, const BandSummary& s, const ResultFile& r, bo
 void printBandsJson(std::ostream& out, const BandSummary& s) {
     out << std::setprecision(10) << "{\"smallestExpectedError\": " << s.smallestExpectedError
         << ", \"largestExpectedError\": " << s.largestExpectedError
-        << ", \"expectedWeightedReciprocity\": " << s.expectedWeightedReciprocity << ", \"pairs\": " << s.pairs
-        << ", \"pairsBeyond\": " << s.pairsBeyond << ", \"rowsBeyond\": " << s.rowsBeyond
-        << ", \"rowsAboveOne\": " << s.rowsAboveOne << "}";
+        << ", \"expectedWeightedReciprocity\": " << s.expectedWeightedReciprocity
+        << ", \"pairs\": " << s.pairs << ", \"pairsBeyond\": " << s.pairsBeyond
+        << ", \"rowsBeyond\": " << s.rowsBeyond << ", \"rowsAboveOne\": " << s.rowsAboveOne << "}";
 }
 
 }  // namespace hemiray::cli

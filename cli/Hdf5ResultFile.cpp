@@ -1,9 +1,9 @@
 // HDF5 results read back into a ResultFile. Nothing in the file is trusted: every
 // array's type and shape are checked, and every index against what it indexes,
 // before the model is assembled.
+#include <hdf5.h>
 #include <algorithm>
 #include <filesystem>
-#include <hdf5.h>
 #include <type_traits>
 
 #include "ResultFile.h"
@@ -71,8 +71,8 @@ public:
             return fail(what + " does not have rank " + std::to_string(wantedRank));
         const H5T_class_t wantedClass = std::is_same_v<T, double> ? H5T_FLOAT : H5T_INTEGER;
         if (H5Tget_class(type.get()) != wantedClass)
-            return fail(what + (wantedClass == H5T_FLOAT ? " is not floating-point"
-                                                         : " is not integer"));
+            return fail(what +
+                        (wantedClass == H5T_FLOAT ? " is not floating-point" : " is not integer"));
         // The library converts element by element through buffers sized by the
         // file's type: a damaged type claiming gigabits per element is refused.
         if (H5Tget_size(type.get()) == 0 || H5Tget_size(type.get()) > maxElementBytes)
@@ -131,7 +131,8 @@ private:
         const Hdf5Id type(H5Aget_type(attribute.get()), H5Tclose);
         if (!space.valid() || !type.valid() || H5Sget_simple_extent_npoints(space.get()) != 1 ||
             H5Tget_class(type.get()) != typeClass || H5Tget_size(type.get()) == 0 ||
-            H5Tget_size(type.get()) > maxElementBytes || H5Aread(attribute.get(), memoryType, value) < 0)
+            H5Tget_size(type.get()) > maxElementBytes ||
+            H5Aread(attribute.get(), memoryType, value) < 0)
             return fail(what + " is not " + kind);
         return true;
     }
@@ -154,7 +155,8 @@ bool readSizes(Reader& read, hid_t root, ResultFile& result) {
     if (version != layout::formatVersion)
         return read.fail("format version " + std::to_string(version) + " is not supported");
     SizeSection& s = result.sizes;
-    if (!read.integer(root, layout::size1, s.size1) || !read.integer(root, layout::size2, s.size2) ||
+    if (!read.integer(root, layout::size1, s.size1) ||
+        !read.integer(root, layout::size2, s.size2) ||
         !read.integer(root, layout::zoneCount, s.zoneCount) ||
         !read.integer(root, layout::globCount, s.globCount) ||
         !read.integer(root, layout::dimension, s.dimension))

@@ -1,11 +1,11 @@
 // What the tool accepts as a model, and the faults of a model it finds before a run.
 #include "ModelFile.h"
 
+#include <sys/stat.h>
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sys/stat.h>
 
 #include "hemiray/raytracing.h"
 #include "input/MeshBlock.h"
@@ -45,8 +45,7 @@ std::string otherFormat(const std::string& path, const std::string& head, uintma
         return path + " is an HDF5 file, not a model text (hemiray check reads HDF5 results)";
     if (startsWith(body, "$MeshFormat") || startsWith(body, "$NOD"))
         return path + " is a Gmsh mesh, not a model text" + convert;
-    if (startsWith(body, "solid"))
-        return path + " is an STL file, not a model text" + convert;
+    if (startsWith(body, "solid")) return path + " is an STL file, not a model text" + convert;
     if (head.size() >= 84) {
         uint32_t triangles = 0;
         std::memcpy(&triangles, head.data() + 80, sizeof triangles);
@@ -69,7 +68,8 @@ std::string otherFormat(const std::string& path, const std::string& head, uintma
 
 std::string faceName(const ResultFile& model, const FaceSet& faces, int32_t f) {
     const auto z = static_cast<size_t>(faces.faceZoneIndex[static_cast<size_t>(f)]);
-    const int64_t within = int64_t{faces.faceId[static_cast<size_t>(f)]} - model.zones.zoneFaceStart[z];
+    const int64_t within =
+        int64_t{faces.faceId[static_cast<size_t>(f)]} - model.zones.zoneFaceStart[z];
     return "zone " + std::to_string(model.zones.zoneId[z]) + " face " +
            std::to_string(model.zones.zoneFirst[z] + within);
 }
@@ -81,7 +81,8 @@ std::string fileRefusal(const std::string& path) {
     if (stat(path.c_str(), &info) != 0) return "no such file: " + path;
     if (S_ISDIR(info.st_mode)) return path + " is a folder, not a model file";
     if (S_ISFIFO(info.st_mode)) return path + " is a pipe (FIFO), not a model file";
-    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return path + " is a device, not a model file";
+    if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode))
+        return path + " is a device, not a model file";
     if (!S_ISREG(info.st_mode)) return path + " is not a regular file";
     if (info.st_size == 0) return path + " is empty";
     return {};
@@ -97,7 +98,7 @@ std::string inputRefusal(const std::string& path, bool block) {
     in.read(head.data(), static_cast<std::streamsize>(head.size()));
     head.resize(static_cast<size_t>(in.gcount()));
     if (!in && !in.eof()) return "cannot read " + path;
-    if (block) return {};  // readBlockFile checks the block itself
+    if (block) return {};                                   // readBlockFile checks the block itself
     if (namesGzip(path) || namesCompress(path)) return {};  // the decompressor judges
     return otherFormat(path, head, size);
 }
@@ -202,7 +203,8 @@ std::string findModelProblem(const ResultFile& model) {
     const ZoneTable& zones = model.zones;
     std::vector<bool> named(static_cast<size_t>(zones.zoneCount()), false);
     for (int32_t z = 0; z < zones.zoneCount(); ++z)
-        if (zones.periodicShadow[z] >= 0) named[static_cast<size_t>(zones.periodicShadow[z])] = true;
+        if (zones.periodicShadow[z] >= 0)
+            named[static_cast<size_t>(zones.periodicShadow[z])] = true;
     for (int32_t z = 0; z < zones.zoneCount(); ++z) {
         const std::string zone = "zone " + std::to_string(zones.zoneId[z]);
         const int32_t type = zones.zoneType[z];

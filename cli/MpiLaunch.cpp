@@ -2,12 +2,12 @@
 // the tool.
 #include "MpiLaunch.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <string>
-#include <unistd.h>
 
 namespace hemiray {
 

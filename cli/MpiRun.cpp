@@ -9,6 +9,7 @@
 #include <mpi.h>
 #include <omp.h>
 
+#include <unistd.h>
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -19,7 +20,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-#include <unistd.h>
 
 #include "RunNames.h"
 #include "input/SectionReader.h"
@@ -80,7 +80,9 @@ public:
         }
         buffer_.resize(static_cast<size_t>(rank_ == 0 ? total : counts_[rank_]));
         int32_t* out = buffer_.data();
-        forEachUnit(rank_, [&](int64_t u) { out = std::copy_n(columns + u * unitRays, unitLength(u), out); });
+        forEachUnit(rank_, [&](int64_t u) {
+            out = std::copy_n(columns + u * unitRays, unitLength(u), out);
+        });
         MPI_Igatherv(rank_ == 0 ? MPI_IN_PLACE : buffer_.data(), counts_[rank_], MPI_INT32_T,
                      buffer_.data(), counts_.data(), offsets_.data(), MPI_INT32_T, 0,
                      MPI_COMM_WORLD, &requests_[1]);
@@ -114,7 +116,9 @@ public:
 
 private:
     int64_t unitCount() const { return unitRays_ > 0 ? (rays_ + unitRays_ - 1) / unitRays_ : 0; }
-    int64_t unitLength(int64_t u) const { return std::min(rays_, (u + 1) * unitRays_) - u * unitRays_; }
+    int64_t unitLength(int64_t u) const {
+        return std::min(rays_, (u + 1) * unitRays_) - u * unitRays_;
+    }
     template <class Use>
     void forEachUnit(int part, Use&& use) const {
         const int64_t units = unitCount();
@@ -257,19 +261,23 @@ int run(Job& job, const Args& args) {
     MPI_Comm_free(&node);
     const int usable = omp_get_num_procs();
     const bool bound = usable < sysconf(_SC_NPROCESSORS_ONLN);
-    options.numThreads = args.threads > 0 ? args.threads : std::max(1, bound ? usable : usable / ranksOnNode);
+    options.numThreads =
+        args.threads > 0 ? args.threads : std::max(1, bound ? usable : usable / ranksOnNode);
     int slots = options.numThreads;
     MPI_Allreduce(MPI_IN_PLACE, &slots, 1, MPI_INT, MPI_SUM, MPI_COMM_WORLD);
     options.slotCount = options.teamSize = args.slots > 0 ? args.slots : slots;
     options.headerData = args.header.c_str();
     bool ok = true;
-    if (args.sampling.empty()) ok = samplingFromEnvironment(options.sampling);
-    else options.sampling = Sampling{args.sampling == "per-face", args.key};
+    if (args.sampling.empty())
+        ok = samplingFromEnvironment(options.sampling);
+    else
+        options.sampling = Sampling{args.sampling == "per-face", args.key};
 
     // The lines of the one-process run with as many threads as the job's slots.
     if (options.slotCount > 1)
-        std::cout << "# Using OpenMP with " << options.slotCount << " process" << "es" << "..."
-                  << std::endl;
+        std::cout << "# Using OpenMP with " << options.slotCount << " process"
+                  << "es"
+                  << "..." << std::endl;
     std::unique_ptr<Model> model;
     if (ok) {
         std::cout << "# Read parameter section..." << std::endl;
@@ -291,8 +299,8 @@ int run(Job& job, const Args& args) {
 
     double cpuSeconds = static_cast<double>(std::clock()) / CLOCKS_PER_SEC -
                         static_cast<double>(cpuStart) / CLOCKS_PER_SEC;
-    MPI_Reduce(job.rank() == 0 ? MPI_IN_PLACE : &cpuSeconds, &cpuSeconds, 1, MPI_DOUBLE, MPI_SUM,
-               0, MPI_COMM_WORLD);
+    MPI_Reduce(job.rank() == 0 ? MPI_IN_PLACE : &cpuSeconds, &cpuSeconds, 1, MPI_DOUBLE, MPI_SUM, 0,
+               MPI_COMM_WORLD);
     std::cout << "# CPU  time: " << cpuSeconds << " (s)" << std::endl;
     std::cout << "# Wall time: " << static_cast<double>(std::time(nullptr)) - wallStart << " (s)"
               << std::endl;
@@ -307,9 +315,12 @@ int parseAndRun(Job& job, int argc, char** argv) {
     auto* cmd = app.add_subcommand("run", "compute the view factors of a model file");
     cmd->add_option("input", args.input, "model file (plain, .gz or .Z)")->required();
     cmd->add_option("-o,--output", args.output, "result file (as hemiray run)");
-    cmd->add_option("--threads", args.threads, "threads of each rank (default: its bound cores, or the node's cores over its ranks)");
-    cmd->add_option("--slots", args.slots,
-                    "thread count of the one-process run to reproduce (default: all ranks' threads)");
+    cmd->add_option(
+        "--threads", args.threads,
+        "threads of each rank (default: its bound cores, or the node's cores over its ranks)");
+    cmd->add_option(
+        "--slots", args.slots,
+        "thread count of the one-process run to reproduce (default: all ranks' threads)");
     cmd->add_flag("--binary", args.binary, "write binary rows (section 1308)");
     cmd->add_option("--header", args.header, "text of the result file's first line");
     cmd->add_flag("--force", args.force, "replace an existing result file");
@@ -323,9 +334,11 @@ int parseAndRun(Job& job, int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return job.fail(e.what());
     }
-    if (cmd->count("--threads") > 0 && args.threads < 1) return job.fail("--threads must be at least 1");
+    if (cmd->count("--threads") > 0 && args.threads < 1)
+        return job.fail("--threads must be at least 1");
     if (cmd->count("--slots") > 0 && args.slots < 1) return job.fail("--slots must be at least 1");
-    if (key->count() > 0 && args.sampling != "per-face") return job.fail("--seed needs --sampling per-face");
+    if (key->count() > 0 && args.sampling != "per-face")
+        return job.fail("--seed needs --sampling per-face");
     return run(job, args);
 }
 

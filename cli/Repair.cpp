@@ -4,19 +4,19 @@
 
 #include "ErrorBands.h"
 
+#include <hdf5.h>
 #include <cctype>
 #include <filesystem>
-#include <hdf5.h>
 #include <iomanip>
 #include <istream>
 
 #include "SparseRowVector"
+#include "geometry/FaceGeometry.h"
 #include "input/SectionReader.h"
 #include "output/Hdf5Handles.h"
 #include "output/Hdf5Layout.h"
 #include "output/Hdf5ResultWriter.h"
 #include "output/ViewFactorWriter.h"
-#include "geometry/FaceGeometry.h"
 #include "run/InputSource.h"
 #include "run/OutputSink.h"
 
@@ -71,7 +71,8 @@ bool copyHead(std::istream& in, std::ostream& out) {
 
 void fillRow(const repair::CsrMatrix& F, int32_t glob, SparseRowVector& row) {
     row.clear();
-    for (int64_t k = F.rowStart[glob]; k < F.rowStart[glob + 1]; ++k) row.add(F.columns[k], F.values[k]);
+    for (int64_t k = F.rowStart[glob]; k < F.rowStart[glob + 1]; ++k)
+        row.add(F.columns[k], F.values[k]);
 }
 
 bool writeText(const RepairArgs& args, const ResultFile& result, const repair::CsrMatrix& F,
@@ -108,7 +109,8 @@ herr_t copyAttribute(hid_t source, const char* name, const H5A_info_t*, void* ta
     const Hdf5Id space(H5Aget_space(from.get()), H5Sclose);
     if (!from.valid() || !type.valid() || !space.valid()) return -1;
     std::vector<char> bytes(static_cast<size_t>(H5Aget_storage_size(from.get())) + 1);
-    const Hdf5Id to(H5Acreate2(*static_cast<hid_t*>(target), name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT),
+    const Hdf5Id to(H5Acreate2(*static_cast<hid_t*>(target), name, type.get(), space.get(),
+                               H5P_DEFAULT, H5P_DEFAULT),
                     H5Aclose);
     if (!to.valid() || H5Aread(from.get(), type.get(), bytes.data()) < 0 ||
         H5Awrite(to.get(), type.get(), bytes.data()) < 0)
@@ -118,7 +120,9 @@ herr_t copyAttribute(hid_t source, const char* name, const H5A_info_t*, void* ta
 
 herr_t copyObject(hid_t source, const char* name, const H5L_info_t*, void* target) {
     if (std::string(name) == hdf5layout::viewFactors) return 0;
-    return H5Ocopy(source, name, *static_cast<hid_t*>(target), name, H5P_DEFAULT, H5P_DEFAULT) < 0 ? -1 : 0;
+    return H5Ocopy(source, name, *static_cast<hid_t*>(target), name, H5P_DEFAULT, H5P_DEFAULT) < 0
+               ? -1
+               : 0;
 }
 
 // The rows through the library's writer into a file beside the output, then the
@@ -147,10 +151,12 @@ bool writeHdf5(const RepairArgs& args, const ResultFile& result, const repair::C
         hid_t targetId = target.get();
         hsize_t index = 0;
         written = source.valid() && target.valid() &&
-                  H5Aiterate2(source.get(), H5_INDEX_NAME, H5_ITER_INC, &index, copyAttribute, &targetId) >= 0;
+                  H5Aiterate2(source.get(), H5_INDEX_NAME, H5_ITER_INC, &index, copyAttribute,
+                              &targetId) >= 0;
         if (written) {
             H5_index_t order = H5_INDEX_NAME;
-            written = H5Literate(source.get(), order, H5_ITER_INC, nullptr, copyObject, &targetId) >= 0;
+            written =
+                H5Literate(source.get(), order, H5_ITER_INC, nullptr, copyObject, &targetId) >= 0;
         }
         written = target.reset() && written;
     }
@@ -171,7 +177,9 @@ void printResiduals(std::ostream& out, const char* when, const repair::Residuals
         << ", share of exchanged energy " << r.weightedReciprocity << '\n';
 }
 
-bool namesHdf5(const std::string& name) { return name.find(".h5") != std::string::npos; }
+bool namesHdf5(const std::string& name) {
+    return name.find(".h5") != std::string::npos;
+}
 
 }  // namespace
 
@@ -185,7 +193,8 @@ bool resultMatrix(ResultFile& result, repair::CsrMatrix& F, std::vector<double>&
     for (size_t r = 0; r < result.activeGlobs.size(); ++r) {
         const int32_t glob = result.activeGlobs[r];
         if (glob < 0 || glob >= globCount || active[glob]) {
-            error = "glob " + std::to_string(glob) + (active[glob] ? " has two rows" : " is outside the glob count");
+            error = "glob " + std::to_string(glob) +
+                    (active[glob] ? " has two rows" : " is outside the glob count");
             return false;
         }
         active[glob] = 1;
@@ -242,7 +251,8 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
     std::vector<double> area;
     std::vector<uint8_t> active;
     repair::RepairOptions options;
-    options.enclosure = args.enclosure == "open" ? repair::Enclosure::open : repair::Enclosure::closed;
+    options.enclosure =
+        args.enclosure == "open" ? repair::Enclosure::open : repair::Enclosure::closed;
     repair::RepairReport report;
     if (!resultMatrix(result, F, area, active, error)) {
         error = args.input + ": " + error;
@@ -253,7 +263,8 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
         error = args.input + ": " + error;
         return false;
     }
-    if (!(result.hdf5 ? writeHdf5(args, result, repaired, error) : writeText(args, result, repaired, error)))
+    if (!(result.hdf5 ? writeHdf5(args, result, repaired, error)
+                      : writeText(args, result, repaired, error)))
         return false;
 
     const bool open = options.enclosure == repair::Enclosure::open;
@@ -274,14 +285,16 @@ bool repairResult(const RepairArgs& args, std::ostream& out, std::string& error)
             << (report.energyBefore > 0 ? 1 - report.energyAfter / report.energyBefore : 0.0)
             << " of the exchanged energy\n";
     if (report.emptyRows > 0)
-        out << "rows left empty (no ray landed, and no glob sees them): " << report.emptyRows << '\n';
+        out << "rows left empty (no ray landed, and no glob sees them): " << report.emptyRows
+            << '\n';
     if (report.keptRows > 0)
         out << "rows of globs without area, copied unchanged: " << report.keptRows << '\n';
     if (!result.hdf5)
-        out << "note: " << (result.binaryRows ? "binary rows hold single-precision factors (7 digits)"
-                                              : "text rows hold 6 decimals")
-            << ", so residuals of about " << (result.binaryRows ? "1e-7" : "1e-6")
-            << " survive in " << args.output << "; an .h5 result keeps the repair exact\n";
+        out << "note: "
+            << (result.binaryRows ? "binary rows hold single-precision factors (7 digits)"
+                                  : "text rows hold 6 decimals")
+            << ", so residuals of about " << (result.binaryRows ? "1e-7" : "1e-6") << " survive in "
+            << args.output << "; an .h5 result keeps the repair exact\n";
     out << "result: " << args.output << std::defaultfloat << std::endl;
     return true;
 }

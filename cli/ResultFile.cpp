@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "geometry/FaceGeometry.h"
 #include "input/MeshSections.h"
 #include "input/SectionReader.h"
-#include "geometry/FaceGeometry.h"
 
 namespace hemiray::cli {
 
@@ -122,8 +122,9 @@ bool readText(std::istream& in, bool modelHead, ResultFile& result, std::string&
         // A model may repeat a text result (the library skips its rows), but no
         // model reader takes binary rows.
         if (modelHead && id == 1308)
-            throw ResultError("holds binary view-factor rows: it is a result, not a model "
-                              "(hemiray check reads results)");
+            throw ResultError(
+                "holds binary view-factor rows: it is a result, not a model "
+                "(hemiray check reads results)");
         if (rowsSeen) throw ResultError("more than one row section");
         result.binaryRows = id == 1308;
         readRows(input, result.binaryRows, result);
@@ -138,8 +139,7 @@ bool readText(std::istream& in, bool modelHead, ResultFile& result, std::string&
 
 }  // namespace
 
-bool readTextFile(const std::string& path, bool modelHead, ResultFile& result,
-                  std::string& error) {
+bool readTextFile(const std::string& path, bool modelHead, ResultFile& result, std::string& error) {
     auto input = openInputSource(path);
     if (input->fail()) {
         error = "cannot open " + path;
@@ -222,8 +222,10 @@ CheckSummary checkResult(ResultFile& result) {
     }
     if (!summary.globs.empty()) {
         auto bySum = [](const GlobCheck& a, const GlobCheck& b) { return a.rowSum < b.rowSum; };
-        summary.minRowSum = std::min_element(summary.globs.begin(), summary.globs.end(), bySum)->rowSum;
-        summary.maxRowSum = std::max_element(summary.globs.begin(), summary.globs.end(), bySum)->rowSum;
+        summary.minRowSum =
+            std::min_element(summary.globs.begin(), summary.globs.end(), bySum)->rowSum;
+        summary.maxRowSum =
+            std::max_element(summary.globs.begin(), summary.globs.end(), bySum)->rowSum;
         summary.meanRowSum = sum / static_cast<double>(summary.globs.size());
         for (const auto& g : summary.globs)
             summary.worstReciprocity = std::max(summary.worstReciprocity, g.worstReciprocity);

@@ -27,7 +27,7 @@ struct ResultFile {
     ZoneTable zones{0};
     std::vector<int32_t> activeGlobs;
     std::vector<SparseRow> rows;  // one per active glob, in the same order
-    bool hasRows = false;  // a row section was read: a result rather than a model
+    bool hasRows = false;         // a row section was read: a result rather than a model
     bool binaryRows = false;
     bool hdf5 = false;  // read from an HDF5 result
 

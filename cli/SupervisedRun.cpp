@@ -3,6 +3,11 @@
 // the library in a forked child, and the move of the finished result.
 #include "SupervisedRun.h"
 
+#include <omp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -11,11 +16,6 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <omp.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "ModelFile.h"
 #include "hemiray/raytracing.h"
@@ -60,7 +60,7 @@ public:
     StopSignalsForwarded& operator=(const StopSignalsForwarded&) = delete;
 
 private:
-    struct sigaction previous_[std::size(stopSignals)] {};
+    struct sigaction previous_[std::size(stopSignals)]{};
 };
 
 // Rows done, shared between the child that computes and the tool that shows them.
@@ -92,9 +92,10 @@ public:
         const double rate = double(done) / seconds;
         const auto left = static_cast<long long>(double(total - done) / rate);
         char line[160];
-        std::snprintf(line, sizeof line, "\r  %lld of %lld rows, %.1f rows/s, %lld:%02lld left\033[K",
-                      static_cast<long long>(done), static_cast<long long>(total), rate,
-                      left / 60, left % 60);
+        std::snprintf(line, sizeof line,
+                      "\r  %lld of %lld rows, %.1f rows/s, %lld:%02lld left\033[K",
+                      static_cast<long long>(done), static_cast<long long>(total), rate, left / 60,
+                      left % 60);
         std::cerr << line << std::flush;
         drawn_ = true;
     }
@@ -107,13 +108,20 @@ private:
 
 std::string signalName(int signal) {
     switch (signal) {
-        case SIGINT: return "SIGINT";
-        case SIGTERM: return "SIGTERM";
-        case SIGHUP: return "SIGHUP";
-        case SIGABRT: return "SIGABRT";
-        case SIGKILL: return "SIGKILL";
-        case SIGSEGV: return "SIGSEGV";
-        default: return "signal " + std::to_string(signal);
+        case SIGINT:
+            return "SIGINT";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        case SIGABRT:
+            return "SIGABRT";
+        case SIGKILL:
+            return "SIGKILL";
+        case SIGSEGV:
+            return "SIGSEGV";
+        default:
+            return "signal " + std::to_string(signal);
     }
 }
 

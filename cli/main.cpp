@@ -3,6 +3,9 @@
 // Argument checks live here; the computation is the library's.
 #include <CLI/CLI.hpp>
 
+#include <omp.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -13,13 +16,10 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <omp.h>
 #include <sstream>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "Hemisphere"
 #include "ErrorBands.h"
+#include "Hemisphere"
 #include "ModelFile.h"
 #include "MpiLaunch.h"
 #include "Repair.h"
@@ -73,14 +73,17 @@ int runModel(const RunArgs& args) {
     if (!refusal.empty()) return fail(refusal);
     const std::string output = args.output.empty() ? defaultOutputName(args.input) : args.output;
     if (namesCompress(output) && !namesGzip(output))
-        return fail("output name " + output + " contains \".Z\", which would be read as compress data");
+        return fail("output name " + output +
+                    " contains \".Z\", which would be read as compress data");
     std::error_code ec, inputError, outputError;
     const fs::path inputPath = fs::weakly_canonical(args.input, inputError);
     const fs::path outputPath = fs::weakly_canonical(output, outputError);
     if (fs::equivalent(args.input, output, ec) ||
         (!inputError && !outputError && inputPath == outputPath))
-        return fail(output + " is the input itself; run never replaces its input (choose another -o)");
-    if (fs::exists(output) && !args.force) return fail(output + " exists; use --force to replace it");
+        return fail(output +
+                    " is the input itself; run never replaces its input (choose another -o)");
+    if (fs::exists(output) && !args.force)
+        return fail(output + " exists; use --force to replace it");
     if (fs::exists(output) && !fs::is_regular_file(output))
         return fail(output + " exists and is not a regular file");
     const fs::path folder = fs::absolute(output).parent_path();
@@ -98,8 +101,9 @@ int runModel(const RunArgs& args) {
         if (!problem.empty()) return fail(args.input + ": " + problem);
     }
 
-    cli::RunRequest request{args.input, output, threadCount(args.threads), args.binary,
-                            args.block, args.direct, args.header};
+    cli::RunRequest request{args.input,  output,     threadCount(args.threads),
+                            args.binary, args.block, args.direct,
+                            args.header};
     return cli::superviseRun(request);
 }
 
@@ -114,7 +118,8 @@ int writeBlock(const std::string& input, const std::string& output, bool force) 
     std::string error;
     if (!packTextModel(*text, block, error)) return fail(input + ": " + error);
     std::ofstream out(output, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(block.size()));
+    out.write(reinterpret_cast<const char*>(block.data()),
+              static_cast<std::streamsize>(block.size()));
     out.close();
     if (!out) return fail("cannot write " + output);
     hemiray_block_head head{};
@@ -125,7 +130,8 @@ int writeBlock(const std::string& input, const std::string& output, bool force) 
     return 0;
 }
 
-int generate(const std::string& name, const std::string& output, int n, int resolution, bool force) {
+int generate(const std::string& name, const std::string& output, int n, int resolution,
+             bool force) {
     if (n < 1) return fail("--n must be at least 1");
     if (resolution < 1) return fail("--res must be at least 1");
     models::Model model;
@@ -143,15 +149,15 @@ int generate(const std::string& name, const std::string& output, int n, int reso
     return 0;
 }
 
-void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::BandSummary* bands) {
+void printJson(const cli::CheckSummary& s, const cli::ResultFile& r,
+               const cli::BandSummary* bands) {
     std::cout << std::setprecision(10) << "{\"dimension\": " << r.sizes.dimension
               << ", \"globs\": " << r.sizes.globCount << ", \"rows\": " << r.rows.size()
               << ", \"binary\": " << (r.binaryRows ? "true" : "false")
               << ", \"hdf5\": " << (r.hdf5 ? "true" : "false")
               << ", \"rowSum\": {\"min\": " << s.minRowSum << ", \"max\": " << s.maxRowSum
               << ", \"mean\": " << s.meanRowSum << "}, \"worstReciprocity\": " << s.worstReciprocity
-              << ", \"weightedReciprocity\": " << s.weightedReciprocity
-              << ", \"perGlob\": [";
+              << ", \"weightedReciprocity\": " << s.weightedReciprocity << ", \"perGlob\": [";
     for (size_t k = 0; k < s.globs.size(); ++k) {
         const auto& g = s.globs[k];
         std::cout << (k ? ", " : "") << "{\"glob\": " << g.glob << ", \"area\": " << g.area
@@ -159,8 +165,10 @@ void printJson(const cli::CheckSummary& s, const cli::ResultFile& r, const cli::
                   << ", \"partner\": " << g.worstPartner << "}";
     }
     std::cout << "], \"band\": ";
-    if (bands) cli::printBandsJson(std::cout, *bands);
-    else std::cout << "null";
+    if (bands)
+        cli::printBandsJson(std::cout, *bands);
+    else
+        std::cout << "null";
     std::cout << "}" << std::endl;
 }
 
@@ -171,10 +179,14 @@ void printTable(const cli::CheckSummary& s, const cli::ResultFile& r, bool perGl
             std::cout << std::setw(6) << g.glob << std::setw(12) << std::setprecision(5) << g.area
                       << std::setw(12) << std::fixed << std::setprecision(6) << g.rowSum
                       << std::setw(13) << std::scientific << std::setprecision(2)
-                      << g.worstReciprocity << std::defaultfloat << "  (" << g.worstPartner << ")\n";
+                      << g.worstReciprocity << std::defaultfloat << "  (" << g.worstPartner
+                      << ")\n";
     }
     std::cout << "rows: " << r.rows.size() << " of " << r.sizes.globCount << " globs ("
-              << (r.hdf5 ? "HDF5" : r.binaryRows ? "binary" : "text") << ")\n"
+              << (r.hdf5         ? "HDF5"
+                  : r.binaryRows ? "binary"
+                                 : "text")
+              << ")\n"
               << std::fixed << std::setprecision(6) << "closure (row sums): min " << s.minRowSum
               << ", max " << s.maxRowSum << ", mean " << s.meanRowSum << '\n'
               << std::scientific << std::setprecision(3)
@@ -196,8 +208,10 @@ int reportResult(cli::ResultFile& result, bool json, bool perGlob) {
         return 0;
     }
     printTable(summary, result, perGlob);
-    if (banded) cli::printBands(std::cout, bands, result, perGlob);
-    else std::cout << "sampling band: not available, " << error << std::endl;
+    if (banded)
+        cli::printBands(std::cout, bands, result, perGlob);
+    else
+        std::cout << "sampling band: not available, " << error << std::endl;
     return 0;
 }
 
@@ -258,18 +272,21 @@ int demo(int n, int resolution) {
     if (!fs::is_directory(folder)) return fail("cannot create " + folder.string());
     const std::string path = (folder / "room.vf").string();
     models::Model model;
-    if (!models::makeExample("room", n, resolution, model)) return fail("cannot build the demo model");
+    if (!models::makeExample("room", n, resolution, model))
+        return fail("cannot build the demo model");
     if (!models::writeModelFile(path, model)) return fail("cannot write " + path);
 
     const int threads = threadCount(0);
     std::cout << "hemiray demo: a 4 x 3 x 2.5 m room with a box obstacle, " << model.faceCount()
-              << " faces in " << model.globCount() << " globs, hemisphere resolution "
-              << resolution << ", " << threads << " threads\n" << std::endl;
+              << " faces in " << model.globCount() << " globs, hemisphere resolution " << resolution
+              << ", " << threads << " threads\n"
+              << std::endl;
     omp_set_num_threads(threads);
     const auto start = std::chrono::steady_clock::now();
     const int ok = raytracing_lib(0, path.c_str(), nullptr, 1, threads, 1, nullptr, "hemiray demo",
                                   false, false, 0);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (ok != 1) return fail("the demo run failed");
 
     cli::ResultFile result;
@@ -283,8 +300,7 @@ int demo(int n, int resolution) {
               << "  globs:        " << model.globCount() << '\n'
               << "  faces:        " << model.faceCount() << '\n'
               << "  rays:         " << static_cast<long long>(rays) << " (before reflections)\n"
-              << std::fixed << std::setprecision(2)
-              << "  time:         " << seconds << " s\n"
+              << std::fixed << std::setprecision(2) << "  time:         " << seconds << " s\n"
               << std::setprecision(0) << "  rays/second:  " << rays / seconds << '\n'
               << std::setprecision(6) << "  closure:      row sums " << summary.minRowSum << " to "
               << summary.maxRowSum << " (1 for a closed room)\n"
@@ -292,8 +308,9 @@ int demo(int n, int resolution) {
               << "  reciprocity:  " << summary.weightedReciprocity
               << " of the exchanged energy unbalanced, " << bands.expectedWeightedReciprocity
               << " expected from sampling at this resolution;\n                pairs beyond "
-              << std::defaultfloat << cli::errorLaw(3).scatter << " times their band: "
-              << bands.pairsBeyond << " of " << bands.pairs << " (hemiray repair balances them)\n"
+              << std::defaultfloat << cli::errorLaw(3).scatter
+              << " times their band: " << bands.pairsBeyond << " of " << bands.pairs
+              << " (hemiray repair balances them)\n"
               << "  result file:  " << path << std::endl;
     return 0;
 }
@@ -335,7 +352,8 @@ int main(int argc, char** argv) {
                     "3D frames: team (default; results depend on --threads) or per-face"
                     " (results independent of threads and processes)")
         ->check(CLI::IsMember({"team", "per-face"}));
-    auto* keyOption = run->add_option("--seed", samplingKey, "key of per-face sampling (default 0)");
+    auto* keyOption =
+        run->add_option("--seed", samplingKey, "key of per-face sampling (default 0)");
     // Chooses the tracing engine through the library's HEMIRAY_ENGINE, for comparisons.
     std::string runEngine;
     run->add_option("--engine", runEngine, "tracing engine of 3D runs: bvh (default) or bsp")
@@ -362,20 +380,26 @@ int main(int argc, char** argv) {
     std::string checkPath;
     bool checkJson = false, checkPerGlob = false;
     auto* chk = app.add_subcommand("check", "closure and reciprocity of a result file");
-    chk->add_option("result", checkPath, "result file (text or binary rows, plain or .gz, or HDF5)")->required();
+    chk->add_option("result", checkPath, "result file (text or binary rows, plain or .gz, or HDF5)")
+        ->required();
     chk->add_flag("--json", checkJson, "print JSON for programs");
     chk->add_flag("--globs", checkPerGlob, "print every glob, not only the totals");
 
     cli::RepairArgs repairArgs;
     auto* rep = app.add_subcommand("repair", "balance a result's rows for reciprocity and closure");
-    rep->add_option("result", repairArgs.input, "result file (text or binary rows, plain or .gz, or HDF5)")->required();
-    rep->add_option("-o,--output", repairArgs.output, "repaired result, of the input's kind (.h5 keeps it exact)")->required();
+    rep->add_option("result", repairArgs.input,
+                    "result file (text or binary rows, plain or .gz, or HDF5)")
+        ->required();
+    rep->add_option("-o,--output", repairArgs.output,
+                    "repaired result, of the input's kind (.h5 keeps it exact)")
+        ->required();
     rep->add_option("--enclosure", repairArgs.enclosure,
                     "closed: rows sum to 1 (default); open: rows above 1 are capped at 1");
-    rep->add_option("--average", repairArgs.average,
-                    "weighted (default): each side of a pair by the inverse"
-                    " variance of its estimate under the measured error law (docs/accuracy.md); equal:"
-                    " S_ij = (A_i F_ij + A_j F_ji)/2");
+    rep->add_option(
+        "--average", repairArgs.average,
+        "weighted (default): each side of a pair by the inverse"
+        " variance of its estimate under the measured error law (docs/accuracy.md); equal:"
+        " S_ij = (A_i F_ij + A_j F_ji)/2");
     rep->add_flag("--force", repairArgs.force, "replace an existing file");
 
     int demoN = 4, demoRes = 40;
@@ -384,7 +408,8 @@ int main(int argc, char** argv) {
     dem->add_option("--res", demoRes, "hemisphere resolution (default 40)");
 
     if (argc > 1 && argv[1][0] != '-' &&
-        app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == argv[1]; }).empty())
+        app.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == argv[1]; })
+            .empty())
         return fail(std::string("unknown command '") + argv[1] +
                     "' (commands: run, block, gen, check, demo; hemiray --help)");
     try {
@@ -403,7 +428,8 @@ int main(int argc, char** argv) {
     if (*run) {
         if (run->count("--threads") > 0 && runArgs.threads < 1)
             return fail("--threads must be at least 1");
-        if (keyOption->count() > 0 && sampling != "per-face") return fail("--seed needs --sampling per-face");
+        if (keyOption->count() > 0 && sampling != "per-face")
+            return fail("--seed needs --sampling per-face");
         if (sampling == "per-face") setenv("HEMIRAY_SEED", std::to_string(samplingKey).c_str(), 1);
         if (sampling == "team") unsetenv("HEMIRAY_SEED");
         if (!runEngine.empty()) ::setenv("HEMIRAY_ENGINE", runEngine.c_str(), 1);

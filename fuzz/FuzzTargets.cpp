@@ -18,20 +18,33 @@ namespace hemiray::fuzz {
 namespace {
 
 // Every message the text and block readers may end a read with.
-const char* const definedMessages[] = {
-    "couldn't flush expression", "couldn't read face section body",
-    "couldn't read face section header", "couldn't read glob section body",
-    "couldn't read glob section header", "couldn't read node section body",
-    "couldn't read node section header", "couldn't read periodic section body",
-    "couldn't read periodic section header", "element type not supported", "invalid id index",
-    "unknown sectionId", "face node count does not match the element type",
-    "face node count is negative", "face nodes fall short of the face node count",
-    "face nodes overrun the face node count", "mesh block array pointer is null",
-    "mesh block counts overrun its length", "mesh block family does not match directFields",
-    "mesh block has a negative count", "mesh block is longer than its counts need",
-    "mesh block reserved field is not 0", "mesh block tag is unknown",
-    "node coordinate is not a finite number", "node number out of range",
-    "zone faces fall short of the face count", "zone faces overrun the face count"};
+const char* const definedMessages[] = {"couldn't flush expression",
+                                       "couldn't read face section body",
+                                       "couldn't read face section header",
+                                       "couldn't read glob section body",
+                                       "couldn't read glob section header",
+                                       "couldn't read node section body",
+                                       "couldn't read node section header",
+                                       "couldn't read periodic section body",
+                                       "couldn't read periodic section header",
+                                       "element type not supported",
+                                       "invalid id index",
+                                       "unknown sectionId",
+                                       "face node count does not match the element type",
+                                       "face node count is negative",
+                                       "face nodes fall short of the face node count",
+                                       "face nodes overrun the face node count",
+                                       "mesh block array pointer is null",
+                                       "mesh block counts overrun its length",
+                                       "mesh block family does not match directFields",
+                                       "mesh block has a negative count",
+                                       "mesh block is longer than its counts need",
+                                       "mesh block reserved field is not 0",
+                                       "mesh block tag is unknown",
+                                       "node coordinate is not a finite number",
+                                       "node number out of range",
+                                       "zone faces fall short of the face count",
+                                       "zone faces overrun the face count"};
 
 void expectDefined(const char* message) {
     for (const char* defined : definedMessages)
@@ -91,8 +104,10 @@ void resultText(const uint8_t* data, size_t size) {
         if (error.rfind(prefix, 0) == 0) expectDefined(error.c_str() + std::strlen(prefix));
         return;
     }
-    if (!result.hasRows) (void)cli::findModelProblem(result);
-    else if (cli::checkModelBounds(result, error)) (void)cli::checkResult(result);
+    if (!result.hasRows)
+        (void)cli::findModelProblem(result);
+    else if (cli::checkModelBounds(result, error))
+        (void)cli::checkResult(result);
 }
 
 }  // namespace

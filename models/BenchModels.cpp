@@ -41,7 +41,8 @@ public:
                     node(o + u * (double(i) / nu) + v * (double(j) / nv));
         const auto at = [&](int i, int j) { return grid[static_cast<size_t>(i * (nv + 1) + j)]; };
         for (int i = 0; i < nu; ++i)
-            for (int j = 0; j < nv; ++j) face({at(i, j), at(i + 1, j), at(i + 1, j + 1), at(i, j + 1)});
+            for (int j = 0; j < nv; ++j)
+                face({at(i, j), at(i + 1, j), at(i + 1, j + 1), at(i, j + 1)});
     }
 
     // The walls of the box [lo, hi], subdivided at about `spacing`; area vectors
@@ -61,8 +62,10 @@ public:
                 Vec3 o = lo;
                 if (upper) o[a] = hi[a];
                 // u x v points along +a, into the box from its lower wall.
-                if (upper == inward) quadGrid(o, v, u, cells(size[c]), cells(size[b]));
-                else quadGrid(o, u, v, cells(size[b]), cells(size[c]));
+                if (upper == inward)
+                    quadGrid(o, v, u, cells(size[c]), cells(size[b]));
+                else
+                    quadGrid(o, u, v, cells(size[b]), cells(size[c]));
             }
         }
     }
@@ -117,10 +120,9 @@ void room(Builder& b, int64_t faceCount) {
     const Vec3 roomSize(4, 3, 2.5);
     const Vec3 obstacle(0.6, 0.6, 0.8);
     const Vec3 obstacleAt[4] = {{0.6, 0.5, 0.2}, {2.6, 0.7, 0.4}, {1.2, 1.9, 0.9}, {2.8, 1.8, 1.4}};
-    const double area = 2 * (roomSize[0] * roomSize[1] + roomSize[0] * roomSize[2] +
-                             roomSize[1] * roomSize[2]) +
-                        4 * 2 * (obstacle[0] * obstacle[1] + obstacle[0] * obstacle[2] +
-                                 obstacle[1] * obstacle[2]);
+    const double area =
+        2 * (roomSize[0] * roomSize[1] + roomSize[0] * roomSize[2] + roomSize[1] * roomSize[2]) +
+        4 * 2 * (obstacle[0] * obstacle[1] + obstacle[0] * obstacle[2] + obstacle[1] * obstacle[2]);
     const double spacing = std::sqrt(area / static_cast<double>(faceCount));
     b.box({0, 0, 0}, roomSize, spacing, true);
     for (const Vec3& at : obstacleAt) b.box(at, at + obstacle, spacing, false);
@@ -172,11 +174,16 @@ std::unique_ptr<BenchModel> makeBenchModel(const std::string& name, int64_t face
     model->dimension = name == "ring" ? 2 : name == "ring-axi" ? 1 : 3;
     model->faces = FaceSet(model->dimension, model->nodes);
     Builder b(*model);
-    if (name == "sphere") sphere(b, faceCount);
-    else if (name == "room") room(b, faceCount);
-    else if (name == "ring") ring(b, faceCount);
-    else if (name == "ring-axi") ringAxisymmetric(b, faceCount);
-    else return nullptr;
+    if (name == "sphere")
+        sphere(b, faceCount);
+    else if (name == "room")
+        room(b, faceCount);
+    else if (name == "ring")
+        ring(b, faceCount);
+    else if (name == "ring-axi")
+        ringAxisymmetric(b, faceCount);
+    else
+        return nullptr;
 
     FaceSet& faces = model->faces;
     const int32_t count = faces.faceCount();
@@ -203,9 +210,10 @@ std::vector<BenchRay> hemisphereRays(const BenchModel& model, const Hemisphere& 
         Vec3 t1, t2;
         buildTangentFrame(model.dimension, n, t1, t2);
         for (int d = 0; d < hemisphere.size_; ++d)
-            rays.push_back({model.faces.faceCentroid[f],
-                            t1 * hemisphere.dirX(d) + t2 * hemisphere.dirY(d) + n * hemisphere.dirZ(d),
-                            static_cast<int32_t>(f)});
+            rays.push_back(
+                {model.faces.faceCentroid[f],
+                 t1 * hemisphere.dirX(d) + t2 * hemisphere.dirY(d) + n * hemisphere.dirZ(d),
+                 static_cast<int32_t>(f)});
     }
     return rays;
 }

@@ -41,8 +41,7 @@ public:
         zones.periodicType[zone] = 0;
         zones.periodicShift[zone] = shift;
     }
-    void makeRotational(int32_t zone, double angle, const Vec3& axisPoint,
-                        const Vec3& axis) {
+    void makeRotational(int32_t zone, double angle, const Vec3& axisPoint, const Vec3& axis) {
         zones.periodicType[zone] = 1;
         zones.periodicAngle[zone] = angle;
         zones.periodicAxisA[zone] = axisPoint;
@@ -68,14 +67,13 @@ public:
     // and 2 the face's normal is the direction a -> b turned clockwise.
     void addSegment(int32_t zone, int32_t glob, const Vec3& a, const Vec3& b, int n = 1) {
         for (int i = 0; i < n; ++i)
-            addFace(zone, glob,
-                    {a + (b - a) * (double(i) / n), a + (b - a) * (double(i + 1) / n)});
+            addFace(zone, glob, {a + (b - a) * (double(i) / n), a + (b - a) * (double(i + 1) / n)});
     }
 
     // The parallelogram corner, corner + u, corner + u + v, corner + v cut into
     // nu x nv quads, all in one glob; the normal is u x v.
-    void addGrid(int32_t zone, int32_t glob, const Vec3& corner, const Vec3& u,
-                 const Vec3& v, int nu = 1, int nv = 1) {
+    void addGrid(int32_t zone, int32_t glob, const Vec3& corner, const Vec3& u, const Vec3& v,
+                 int nu = 1, int nv = 1) {
         for (int i = 0; i < nu; ++i)
             for (int j = 0; j < nv; ++j) {
                 const Vec3 p = corner + u * (double(i) / nu) + v * (double(j) / nv);
@@ -100,8 +98,8 @@ public:
     std::vector<double> row(int32_t glob, const Hemisphere& hemisphere) const {
         SparseRowVector sparse;
         sparse.resize(globCount_);
-        computeViewFactorRow(glob, faces.dimension, hemisphere, faces, *globs, zones,
-                             *tree, sparse);
+        computeViewFactorRow(glob, faces.dimension, hemisphere, faces, *globs, zones, *tree,
+                             sparse);
         touched_ = sparse.np;
         std::vector<double> dense(globCount_, 0.0);
         for (int k = 0; k < sparse.np; ++k)
@@ -144,8 +142,7 @@ inline double sum(const std::vector<double>& row) {
 
 // Vertices of the regular n-gon of circumradius r about centre, vertex k at angle
 // phase + 2 pi k / n (counter-clockwise).
-inline std::vector<Vec3> regularPolygon(int n, double r, const Vec3& centre,
-                                        double phase = 0) {
+inline std::vector<Vec3> regularPolygon(int n, double r, const Vec3& centre, double phase = 0) {
     std::vector<Vec3> v;
     for (int k = 0; k < n; ++k) {
         const double angle = phase + 2 * std::numbers::pi * k / n;

@@ -36,8 +36,9 @@ public:
             for (int j = 0; j < nv; ++j) {
                 const double a0 = double(i) / nu, a1 = double(i + 1) / nu;
                 const double b0 = double(j) / nv, b1 = double(j + 1) / nv;
-                face(z, {at(o, u, v, a0, b0), at(o, u, v, a1, b0), at(o, u, v, a1, b1),
-                         at(o, u, v, a0, b1)},
+                face(z,
+                     {at(o, u, v, a0, b0), at(o, u, v, a1, b0), at(o, u, v, a1, b1),
+                      at(o, u, v, a0, b1)},
                      ownGlobs);
             }
     }
@@ -78,21 +79,25 @@ void plates(Builder& b, int n, double width) {
 // outwards. Faces: -x, +x, -y, +y, -z, +z; `skipPlusX` leaves the +x wall out.
 void box(Builder& b, const Point& lo, const Point& hi, int n, bool inside, bool skipPlusX = false) {
     const double dx = hi[0] - lo[0], dy = hi[1] - lo[1], dz = hi[2] - lo[2];
-    struct Wall { Point o, u, v; };
+    struct Wall {
+        Point o, u, v;
+    };
     // Each wall listed with u x v pointing inwards.
     const Wall walls[6] = {
-        {lo, {0, dy, 0}, {0, 0, dz}},                              // x = lo, +x
-        {{hi[0], lo[1], lo[2]}, {0, 0, dz}, {0, dy, 0}},           // x = hi, -x
-        {lo, {0, 0, dz}, {dx, 0, 0}},                              // y = lo, +y
-        {{lo[0], hi[1], lo[2]}, {dx, 0, 0}, {0, 0, dz}},           // y = hi, -y
-        {lo, {dx, 0, 0}, {0, dy, 0}},                              // z = lo, +z
-        {{lo[0], lo[1], hi[2]}, {0, dy, 0}, {dx, 0, 0}},           // z = hi, -z
+        {lo, {0, dy, 0}, {0, 0, dz}},                     // x = lo, +x
+        {{hi[0], lo[1], lo[2]}, {0, 0, dz}, {0, dy, 0}},  // x = hi, -x
+        {lo, {0, 0, dz}, {dx, 0, 0}},                     // y = lo, +y
+        {{lo[0], hi[1], lo[2]}, {dx, 0, 0}, {0, 0, dz}},  // y = hi, -y
+        {lo, {dx, 0, 0}, {0, dy, 0}},                     // z = lo, +z
+        {{lo[0], lo[1], hi[2]}, {0, dy, 0}, {dx, 0, 0}},  // z = hi, -z
     };
     for (int w = 0; w < 6; ++w) {
         if (skipPlusX && w == 1) continue;
         const Wall& wall = walls[w];
-        if (inside) b.quadGrid(b.zone(1, 4), wall.o, wall.u, wall.v, n, n);
-        else b.quadGrid(b.zone(1, 4), wall.o, wall.v, wall.u, n, n);
+        if (inside)
+            b.quadGrid(b.zone(1, 4), wall.o, wall.u, wall.v, n, n);
+        else
+            b.quadGrid(b.zone(1, 4), wall.o, wall.v, wall.u, n, n);
     }
 }
 
@@ -228,20 +233,35 @@ bool makeExample(const std::string& name, int n, int resolution, Model& model) {
     model = Model{};
     model.resolution = resolution;
     Builder b(model);
-    if (name == "plates") plates(b, n, 1.0);
+    if (name == "plates")
+        plates(b, n, 1.0);
     else if (name == "plates-mirror") {
         plates(b, n, 0.5);
         b.quadGrid(b.zone(2007, 4), {0.5, 0, 0}, {0, 0, 1}, {0, 1, 0}, 1, n);
-    } else if (name == "plates-periodic") platesPeriodic(b, model, n);
-    else if (name == "room") room(b, n, false);
-    else if (name == "room-mirror") room(b, n, true);
-    else if (name == "sphere") sphere(b, n);
-    else if (name == "cube") box(b, {0, 0, 0}, {1, 1, 1}, n, true);
-    else if (name == "cylinder") { model.dimension = 1; cylinder(b, n); }
-    else if (name == "polygon") { model.dimension = 2; polygon(b, n); }
-    else if (name == "ring") { model.dimension = 2; ring(b, model, n, false); }
-    else if (name == "ring-periodic") { model.dimension = 2; ring(b, model, n, true); }
-    else return false;
+    } else if (name == "plates-periodic")
+        platesPeriodic(b, model, n);
+    else if (name == "room")
+        room(b, n, false);
+    else if (name == "room-mirror")
+        room(b, n, true);
+    else if (name == "sphere")
+        sphere(b, n);
+    else if (name == "cube")
+        box(b, {0, 0, 0}, {1, 1, 1}, n, true);
+    else if (name == "cylinder") {
+        model.dimension = 1;
+        cylinder(b, n);
+    } else if (name == "polygon") {
+        model.dimension = 2;
+        polygon(b, n);
+    } else if (name == "ring") {
+        model.dimension = 2;
+        ring(b, model, n, false);
+    } else if (name == "ring-periodic") {
+        model.dimension = 2;
+        ring(b, model, n, true);
+    } else
+        return false;
     return true;
 }
 

@@ -29,7 +29,9 @@ int32_t Model::addNode(double x, double y, double z) {
 
 namespace {
 
-bool steersRays(int32_t zoneType) { return zoneType == 2007 || zoneType == 2008 || zoneType == 2012; }
+bool steersRays(int32_t zoneType) {
+    return zoneType == 2007 || zoneType == 2008 || zoneType == 2012;
+}
 
 }  // namespace
 

@@ -32,7 +32,7 @@ struct ModelPeriodic {
 struct Model {
     std::string comment = "hemiray-model";  // one word
     int32_t dimension = 3;
-    int32_t resolution = 20;                // hemisphereResolution
+    int32_t resolution = 20;  // hemisphereResolution
     std::vector<std::array<double, 3>> nodes;
     std::vector<ModelZone> zones;
     std::vector<ModelPeriodic> periodic;

@@ -204,14 +204,14 @@ inline std::unique_ptr<Mesh> ring(int outer, int inner, uint64_t stream) {
         const double jitter = std::min(0.02, 0.2 * 2 * std::numbers::pi / count);
         for (int i = 0; i < count; ++i) {
             const int step = clockwise ? count - i : i;
-            const double angle =
-                2 * std::numbers::pi * (step + uniform(rng, -0.3, 0.3)) / count;
-            const double smooth = 0.6 * std::sin(3 * angle + phase0) + 0.4 * std::sin(7 * angle + phase1);
+            const double angle = 2 * std::numbers::pi * (step + uniform(rng, -0.3, 0.3)) / count;
+            const double smooth =
+                0.6 * std::sin(3 * angle + phase0) + 0.4 * std::sin(7 * angle + phase1);
             const double r = radius * (1 + wobble * smooth + uniform(rng, -jitter, jitter));
-            mesh->addNode(center + Vec3(mesh->xScale * r * std::cos(angle), r * std::sin(angle), 0));
+            mesh->addNode(center +
+                          Vec3(mesh->xScale * r * std::cos(angle), r * std::sin(angle), 0));
         }
-        for (int i = 0; i < count; ++i)
-            mesh->addFace({first + i, first + (i + 1) % count});
+        for (int i = 0; i < count; ++i) mesh->addFace({first + i, first + (i + 1) % count});
     };
     // Counter-clockwise order puts the area vector outside: the outer ring runs
     // clockwise to face inwards, the inner polygon counter-clockwise to face out.
@@ -321,20 +321,23 @@ inline Vec3 interiorPoint(const Mesh& mesh, Rng& rng) {
     switch (mesh.kind) {
         case Kind::Axisymmetric: {
             const double r = mesh.innerRadius * std::sqrt(uniform(rng, 0, 1));
-            const double phi = uniform(rng, 0, 1) < 0.25 ? 0.0 : uniform(rng, 0, 2 * std::numbers::pi);
+            const double phi =
+                uniform(rng, 0, 1) < 0.25 ? 0.0 : uniform(rng, 0, 2 * std::numbers::pi);
             return {uniform(rng, mesh.interiorMin[0], mesh.interiorMax[0]), r * std::cos(phi),
                     r * std::sin(phi)};
         }
         case Kind::Planar: {
             const double r = uniform(rng, mesh.innerRadius, mesh.outerRadius);
             const double phi = uniform(rng, 0, 2 * std::numbers::pi);
-            return mesh.obstacleCenter + Vec3(mesh.xScale * r * std::cos(phi), r * std::sin(phi), 0);
+            return mesh.obstacleCenter +
+                   Vec3(mesh.xScale * r * std::cos(phi), r * std::sin(phi), 0);
         }
         case Kind::Triangles:
         case Kind::Quads:
             for (;;) {
                 Vec3 p;
-                for (int d = 0; d < 3; ++d) p[d] = uniform(rng, mesh.interiorMin[d], mesh.interiorMax[d]);
+                for (int d = 0; d < 3; ++d)
+                    p[d] = uniform(rng, mesh.interiorMin[d], mesh.interiorMax[d]);
                 if (norm(p - mesh.obstacleCenter) > mesh.obstacleRadius) return p;
             }
     }
@@ -355,7 +358,8 @@ inline void pointOnFace(const Mesh& mesh, int32_t f, Rng& rng, Vec3& point, Vec3
         const double s = uniform(rng, 0, 1);
         point = node(0) + (node(1) - node(0)) * s;
         if (mesh.kind == Kind::Axisymmetric) {
-            const double phi = uniform(rng, 0, 1) < 0.25 ? 0.0 : uniform(rng, 0, 2 * std::numbers::pi);
+            const double phi =
+                uniform(rng, 0, 1) < 0.25 ? 0.0 : uniform(rng, 0, 2 * std::numbers::pi);
             const double c = std::cos(phi), sn = std::sin(phi);
             point = Vec3(point[0], point[1] * c, point[1] * sn);
             normal = Vec3(normal[0], normal[1] * c, normal[1] * sn);

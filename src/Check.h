@@ -11,8 +11,8 @@ namespace hemiray {
 
 // The text is given separately from the condition so that it stays fixed whatever
 // the condition's spelling (casts for signed/unsigned comparisons, renamed locals).
-#define HEMIRAY_CHECK(condition, text)                                \
-    do {                                                              \
-        if (!(condition)) [[unlikely]]                                \
-            ::hemiray::checkFailed(text, __FILE__, __LINE__);         \
+#define HEMIRAY_CHECK(condition, text)                        \
+    do {                                                      \
+        if (!(condition)) [[unlikely]]                        \
+            ::hemiray::checkFailed(text, __FILE__, __LINE__); \
     } while (false)

@@ -193,19 +193,19 @@ typedef struct hemiray_periodic_pair {
 
 /* The direct family: the head and pointers to the host's arrays. 168 bytes. */
 typedef struct hemiray_direct_block {
-    hemiray_block_head head;                /*   0  tag HEMIRAY_DIRECT_TAG, totalBytes 168 */
-    const double* nodes;                    /* 120  3 x nodeCount */
-    const hemiray_periodic_pair* periodic;  /* 128  periodicCount */
-    const hemiray_face_zone* zones;         /* 136  faceZoneCount */
-    const int32_t* faceNodeCounts;          /* 144  faceCount */
-    const int32_t* faceNodes;               /* 152  faceNodeCount */
-    const int32_t* faceGlobs;               /* 160  faceCount */
+    hemiray_block_head head;               /*   0  tag HEMIRAY_DIRECT_TAG, totalBytes 168 */
+    const double* nodes;                   /* 120  3 x nodeCount */
+    const hemiray_periodic_pair* periodic; /* 128  periodicCount */
+    const hemiray_face_zone* zones;        /* 136  faceZoneCount */
+    const int32_t* faceNodeCounts;         /* 144  faceCount */
+    const int32_t* faceNodes;              /* 152  faceNodeCount */
+    const int32_t* faceGlobs;              /* 160  faceCount */
 } hemiray_direct_block;
 
 /* Length in bytes of a packed block with these counts. */
 #define HEMIRAY_PACKED_BYTES(nodeCount, periodicCount, faceZoneCount, faceCount, faceNodeCount) \
-    ((uint64_t)120 + (uint64_t)24 * (uint64_t)(nodeCount) +                                   \
-     (uint64_t)96 * (uint64_t)(periodicCount) + (uint64_t)20 * (uint64_t)(faceZoneCount) +     \
+    ((uint64_t)120 + (uint64_t)24 * (uint64_t)(nodeCount) +                                     \
+     (uint64_t)96 * (uint64_t)(periodicCount) + (uint64_t)20 * (uint64_t)(faceZoneCount) +      \
      (uint64_t)8 * (uint64_t)(faceCount) + (uint64_t)4 * (uint64_t)(faceNodeCount))
 
 /*
@@ -246,10 +246,10 @@ typedef struct hemiray_direct_block {
  * A failed call leaves the input file as it was. Calls may be repeated in one
  * process; they must not run concurrently.
  */
-HEMIRAY_API int raytracing_lib(int binaryOutput, const char* fileName, void* unused,
-                               int useOpenMP, int numThreads, int readFromFile,
-                               const void* meshData, const char* headerData, bool headerFlag,
-                               bool directFields, int reserved);
+HEMIRAY_API int raytracing_lib(int binaryOutput, const char* fileName, void* unused, int useOpenMP,
+                               int numThreads, int readFromFile, const void* meshData,
+                               const char* headerData, bool headerFlag, bool directFields,
+                               int reserved);
 
 #ifdef __cplusplus
 }

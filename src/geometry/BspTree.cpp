@@ -26,9 +26,7 @@ constexpr double rootPaddingAbove = 0.0107;
 // reports that value plus 2 (-2147483646) and, being negative, is never split.
 int32_t depthLimit(int32_t faceCount) {
     if (faceCount <= 0) return std::numeric_limits<int32_t>::min() + 2;
-    return static_cast<int32_t>(1.2 * std::log(static_cast<double>(faceCount)) /
-                                std::log(2.0)) +
-           2;
+    return static_cast<int32_t>(1.2 * std::log(static_cast<double>(faceCount)) / std::log(2.0)) + 2;
 }
 
 void initChild(BspNode& child, const BspNode& parent) {
@@ -72,7 +70,8 @@ void buildNodeWith(BspNode& node, int32_t depth, std::vector<uint8_t>& sides) {
         const auto f = static_cast<size_t>(node.faceList[i]);
         uint8_t side = 0;
         for (int32_t k = faces.faceNodeStart[f]; k < faces.faceNodeStart[f + 1]; ++k) {
-            const double x = nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])].v[axis];
+            const double x =
+                nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])].v[axis];
             if (x < split) side |= sideLow;
             if (x > split) side |= sideHigh;
         }
@@ -85,8 +84,10 @@ void buildNodeWith(BspNode& node, int32_t depth, std::vector<uint8_t>& sides) {
 
     low.faceCount = lowCount;
     high.faceCount = highCount;
-    if (lowCount > 0) low.faceList = std::make_unique_for_overwrite<int32_t[]>(static_cast<size_t>(lowCount));
-    if (highCount > 0) high.faceList = std::make_unique_for_overwrite<int32_t[]>(static_cast<size_t>(highCount));
+    if (lowCount > 0)
+        low.faceList = std::make_unique_for_overwrite<int32_t[]>(static_cast<size_t>(lowCount));
+    if (highCount > 0)
+        high.faceList = std::make_unique_for_overwrite<int32_t[]>(static_cast<size_t>(highCount));
     int32_t lowNext = 0;
     int32_t highNext = 0;
     for (size_t i = 0; i < faceCount; ++i) {
@@ -125,7 +126,8 @@ BspNode::BspNode(int32_t dimension_, const MeshView* mesh_, bool build)
     boxMin = Vec3(largest, largest, largest);
     boxMax = Vec3(tinyPositive, tinyPositive, tinyPositive);
     const int32_t faceCountInSet = faces.faceCount();
-    const auto entryEnd = static_cast<size_t>(faces.faceNodeStart[static_cast<size_t>(faceCountInSet)]);
+    const auto entryEnd =
+        static_cast<size_t>(faces.faceNodeStart[static_cast<size_t>(faceCountInSet)]);
     for (auto entry = static_cast<size_t>(faces.faceNodeStart[0]); entry < entryEnd; ++entry) {
         const int32_t node = faces.faceNodes[entry];
         // The readers store node numbers unchecked; the traversal trusts them after this.

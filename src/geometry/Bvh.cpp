@@ -142,7 +142,9 @@ bool flatFace(const FaceSet& faces, int32_t f) {
 }
 
 // Groups of four are what a leaf pays for.
-double groupCost(uint32_t count) { return static_cast<double>((count + 3) / 4); }
+double groupCost(uint32_t count) {
+    return static_cast<double>((count + 3) / 4);
+}
 
 class Builder {
 public:
@@ -199,7 +201,8 @@ public:
                 left.grow(bins[b - 1]);
                 lc += counts[b - 1];
                 if (lc == 0 || rightCount[b] == 0) continue;
-                const double cost = left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
+                const double cost =
+                    left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
                 if (cost < bestCost) {
                     bestCost = cost;
                     bestSplit = b;
@@ -207,7 +210,8 @@ public:
             }
             // A node visit costs about half a group test.
             const double area = box.area();
-            if (count <= leafFaceLimit && (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
+            if (count <= leafFaceLimit &&
+                (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
                 return index;
             if (bestSplit > 0) {
                 middle = static_cast<uint32_t>(
@@ -225,13 +229,15 @@ public:
         if (middle != begin && middle != end && groupAligned > 0 && groupAligned < count &&
             groupAligned != middle - begin) {
             middle = begin + groupAligned;
-            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
-                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+            std::nth_element(
+                refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
         }
         if (middle == begin || middle == end) {
             middle = begin + std::max<uint32_t>(count / 8 * 4, 1);
-            std::nth_element(refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
-                             [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
+            std::nth_element(
+                refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
+                [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
         }
         const int32_t low = build(begin, middle, depth + 1);
         const int32_t high = build(middle, end, depth + 1);
@@ -252,7 +258,9 @@ struct Ray4 {
     V4d D[3];
 };
 
-V4d broadcast(double x) { return V4d{x, x, x, x}; }
+V4d broadcast(double x) {
+    return V4d{x, x, x, x};
+}
 
 // intersectPolygon on four lanes: the same expressions in the same order, and the
 // same comparisons (written as their negations where a lane must pass, so that a
@@ -270,13 +278,18 @@ template <int Corners>
     if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     V4d p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
-        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1], c2 = at(9 + 3 * k) - r.O[2];
-        miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] + (p0 * c1 - p1 * c0) * r.D[2] > 0;
+        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1],
+                  c2 = at(9 + 3 * k) - r.O[2];
+        miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] +
+                    (p0 * c1 - p1 * c0) * r.D[2] >
+                0;
         p0 = c0;
         p1 = c1;
         p2 = c2;
     }
-    miss |= (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] > 0;
+    miss |=
+        (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] >
+        0;
     std::memcpy(tOut, &t, sizeof t);
     unsigned bits = 0;
     for (int k = 0; k < 4; ++k) bits |= miss[k] ? 0u : 1u << k;
@@ -310,7 +323,8 @@ void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count,
         const auto f = static_cast<size_t>(faceIndex[lane]);
         const Vec3& n = faces.faceNormal[f];
         const int32_t begin = faces.faceNodeStart[f];
-        HEMIRAY_CHECK(faces.faceNodeStart[f + 1] - begin == corners, "group faces of one node count");
+        HEMIRAY_CHECK(faces.faceNodeStart[f + 1] - begin == corners,
+                      "group faces of one node count");
         const auto node = [&](int32_t k) -> const Vec3& {
             return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(begin + k)])];
         };
@@ -327,9 +341,8 @@ unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, c
     return testGroupOf(group, corners, O, D, tmax, t);
 }
 
-HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
-                                                      const Vec3& O, const Vec3& D, double tmax,
-                                                      double t[4]) {
+HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O,
+                                                  const Vec3& D, double tmax, double t[4]) {
     return testGroupOf(group, corners, O, D, tmax, t);
 }
 
@@ -350,7 +363,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         const int32_t begin = faces.faceNodeStart[static_cast<size_t>(f)];
         const int32_t end = faces.faceNodeStart[static_cast<size_t>(f) + 1];
         for (int32_t k = begin; k < end; ++k) {
-            const Vec3 p = nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])] - base;
+            const Vec3 p =
+                nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(k)])] - base;
             for (int i = 0; i < 3; ++i) {
                 lo[i] = k == begin ? p.v[i] : std::min(lo[i], p.v[i]);
                 hi[i] = k == begin ? p.v[i] : std::max(hi[i], p.v[i]);
@@ -373,7 +387,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
     const std::vector<BuildNode>& bnodes = builder.nodes();
 
     const auto cornersOf = [&](int32_t f) {
-        return faces.faceNodeStart[static_cast<size_t>(f) + 1] - faces.faceNodeStart[static_cast<size_t>(f)];
+        return faces.faceNodeStart[static_cast<size_t>(f) + 1] -
+               faces.faceNodeStart[static_cast<size_t>(f)];
     };
     // A leaf's faces by node count: triangle groups, quad groups, then the rest.
     const auto makeLeaf = [&](const BuildNode& b) {
@@ -393,12 +408,14 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
                 const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
                 lastHeader = leaves_.size();
                 GroupHeader header{{-1, -1, -1, -1}, corners, 0, {0, 0}};
-                for (int lane = 0; lane < count; ++lane) header.face[lane] = list[i + static_cast<size_t>(lane)];
+                for (int lane = 0; lane < count; ++lane)
+                    header.face[lane] = list[i + static_cast<size_t>(lane)];
                 leaves_.emplace_back();
                 std::memcpy(leaves_.back().v, &header, sizeof header);
                 if (corners == 0) continue;
                 leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
-                packPolygonGroup(faces, list.data() + i, count, corners, leaves_.data() + lastHeader + 1);
+                packPolygonGroup(faces, list.data() + i, count, corners,
+                                 leaves_.data() + lastHeader + 1);
             }
         }
         GroupHeader header;
@@ -458,7 +475,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             ++count[corners == 3 ? 0 : corners == 4 ? 1 : 2];
         }
         for (int kind = 0; kind < 3; ++kind)
-            leafEntries += (count[kind] + 3) / 4 * (1 + (kind == 2 ? 0 : polygonGroupEntries(kind + 3)));
+            leafEntries +=
+                (count[kind] + 3) / 4 * (1 + (kind == 2 ? 0 : polygonGroupEntries(kind + 3)));
     }
     leaves_.reserve(leafEntries);
     rootCode_ = collapse(collapse, 0);
@@ -474,8 +492,11 @@ bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) cons
     // node at entry 4, the others from entry 7 on), or from the face set.
     const auto nodeAt = [&](int k, int axis) {
         if (hit.group) return hit.group[4 + 3 * k + axis].v[hit.lane];
-        const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
-        return (*faces_->nodes)[static_cast<size_t>(faces_->faceNodes[begin + static_cast<size_t>(k)])].v[axis];
+        const auto begin =
+            static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
+        return (*faces_->nodes)[static_cast<size_t>(
+                                    faces_->faceNodes[begin + static_cast<size_t>(k)])]
+            .v[axis];
     };
     const int count = hit.group ? hit.corners
                                 : faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1] -
@@ -551,7 +572,8 @@ template <bool Wide>
         int32_t code = entry.code;
         while (code >= 0) {
             const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
-            V8f tNear = V8f{} , tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
+            V8f tNear = V8f{},
+                tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
                 const V8f t0 = (*reinterpret_cast<const V8f*>(node.lo[i]) - org[i]) * inv[i];
                 const V8f t1 = (*reinterpret_cast<const V8f*>(node.hi[i]) - org[i]) * inv[i];
@@ -580,7 +602,8 @@ template <bool Wide>
                 // Most of a query's time is waiting for memory: ask for every child
                 // that will be visited before the first is needed.
                 if (e.code >= 0) {
-                    const char* at = reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
+                    const char* at =
+                        reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
                     for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
                 } else {
                     const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
@@ -613,7 +636,8 @@ template <bool Wide>
                 item = group;
             } else {
                 const bool triangles = header.corners == 3;
-                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t) : testGroup<4>(group, lanes, limit, t);
+                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t)
+                                          : testGroup<4>(group, lanes, limit, t);
                 for (; bits != 0; bits &= bits - 1) {
                     const int lane = std::countr_zero(bits);
                     tryFace(header.face[lane], t[lane], group, lane, header.corners);
@@ -633,7 +657,7 @@ template <bool Wide>
 namespace {
 
 HEMIRAY_TARGET_AVX2 NearestHit nearestAvx2(const Bvh& bvh, const Vec3& O, const Vec3& D,
-                                                double tmax) {
+                                           double tmax) {
     return nearestIn<true>(bvh, O, D, tmax);
 }
 

@@ -28,7 +28,9 @@ struct alignas(32) Lanes4 {
 // Polygon groups: four polygons of `corners` (3 or 4) nodes, lane by lane: the
 // area vector (3 entries), the minimum distance 0.001 sqrt|n| (1), the last node
 // (3), then the other nodes from the first on (3 each). Empty lanes never hit.
-constexpr size_t polygonGroupEntries(int corners) { return 7 + 3 * static_cast<size_t>(corners - 1); }
+constexpr size_t polygonGroupEntries(int corners) {
+    return 7 + 3 * static_cast<size_t>(corners - 1);
+}
 
 // Packs up to four faces (all of `corners` nodes) into a group of
 // polygonGroupEntries(corners) entries.
@@ -84,7 +86,7 @@ public:
         float lo[3][width];    // per axis, the children's lower box corners
         float hi[3][width];    // and upper ones
         int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
-        uint32_t count;    // children in use
+        uint32_t count;        // children in use
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).
@@ -103,7 +105,7 @@ private:
     Vec3 base_;
     bool avx2_ = false;
     int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
-    bool empty_ = true;   // no face in the hierarchy
+    bool empty_ = true;     // no face in the hierarchy
     bool usable_ = true;
     std::vector<Node> nodes_;
     std::vector<Lanes4> leaves_;

@@ -21,12 +21,13 @@ void computeFaceGeometry(FaceSet& faces);
 [[nodiscard]] std::vector<double> globSurfaceAreas(const FaceSet& faces, int32_t globCount);
 
 struct GlobTable {
-    const FaceSet* faces = nullptr;       // not owned
-    std::vector<int32_t> globFaceStart;   // glob g's faces: globFaces[globFaceStart[g] .. globFaceStart[g+1])
-    std::vector<int32_t> globFaces;       // face indices grouped by glob, increasing within a glob
-    std::vector<Vec3> globNormal;         // sum of the glob's face area vectors
-    std::vector<Vec3> globCentroid;       // representative point on the glob's surface
-    std::vector<bool> globActive;         // the glob gets a row: decided by its last face's zone type
+    const FaceSet* faces = nullptr;  // not owned
+    std::vector<int32_t>
+        globFaceStart;  // glob g's faces: globFaces[globFaceStart[g] .. globFaceStart[g+1])
+    std::vector<int32_t> globFaces;  // face indices grouped by glob, increasing within a glob
+    std::vector<Vec3> globNormal;    // sum of the glob's face area vectors
+    std::vector<Vec3> globCentroid;  // representative point on the glob's surface
+    std::vector<bool> globActive;    // the glob gets a row: decided by its last face's zone type
 
     // Groups the faces by faceGlob (-1: no glob). Glob ids outside 0..globCount-1
     // are ignored rather than written out of bounds.

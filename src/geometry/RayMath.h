@@ -12,7 +12,9 @@ namespace hemiray::raymath {
 inline constexpr double dblMax = std::numeric_limits<double>::max();
 
 // sgn(0) is +1: a zero never flips a sign.
-inline double sgn(double x) { return x < 0 ? -1.0 : 1.0; }
+inline double sgn(double x) {
+    return x < 0 ? -1.0 : 1.0;
+}
 
 // |num| / DBL_MAX < |den|, the test that num / den stays finite. Written as the
 // division it is slow twice over: a divide, and for ordinary |num| a subnormal

@@ -97,7 +97,8 @@ RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngin
     if (!finite(tree.boxMin()) || !finite(tree.boxMax()) || !finiteModel(faces)) return;
     double magnitude = 0, extent = 0;
     for (int i = 0; i < 3; ++i) {
-        magnitude = std::max({magnitude, std::abs(tree.boxMin().v[i]), std::abs(tree.boxMax().v[i])});
+        magnitude =
+            std::max({magnitude, std::abs(tree.boxMin().v[i]), std::abs(tree.boxMax().v[i])});
         extent = std::max(extent, tree.boxMax().v[i] - tree.boxMin().v[i]);
     }
     if (!(extent > 0)) return;

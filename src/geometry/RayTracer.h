@@ -45,11 +45,11 @@ private:
 
     const TraversalTree& tree_;
     std::unique_ptr<Bvh> bvh_;
-    double margin_ = 0;         // clearance from split planes, in coordinates
-    double gridLow_[3] = {};    // the root box
+    double margin_ = 0;       // clearance from split planes, in coordinates
+    double gridLow_[3] = {};  // the root box
     double gridHigh_[3] = {};
-    double gridScale_[3] = {};  // 2^m / (high - low): grid units per coordinate unit
-    double gridMargin_[3] = {}; // margin_ in grid units
+    double gridScale_[3] = {};   // 2^m / (high - low): grid units per coordinate unit
+    double gridMargin_[3] = {};  // margin_ in grid units
 };
 
 }  // namespace hemiray

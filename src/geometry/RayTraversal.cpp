@@ -17,11 +17,15 @@ inline const Vec3& nodeOf(const FaceSet& faces, int32_t entry) {
     return (*faces.nodes)[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(entry)])];
 }
 
-inline Azimuth azimuthOf(const Vec3& P) { return raymath::azimuthOf(P.v[1], P.v[2]); }
+inline Azimuth azimuthOf(const Vec3& P) {
+    return raymath::azimuthOf(P.v[1], P.v[2]);
+}
 
 }  // namespace
 
-double safeDivide(double num, double den) { return raymath::safeDivide(num, den); }
+double safeDivide(double num, double den) {
+    return raymath::safeDivide(num, den);
+}
 
 int solveQuadratic(double a, double b, double c, double roots[2]) {
     return raymath::solveQuadratic(a, b, c, roots);
@@ -106,8 +110,8 @@ bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3
             const Azimuth az = azimuthOf(P);
             // Against the face's area vector turned to P's azimuth.
             if (!((D.v[2] * az.sz + D.v[1] * az.cy) * n.v[1] + n.v[0] * D.v[0] < 0)) continue;
-            const double s = std::abs(ex) <= std::abs(er) ? (az.radius - r0) / er
-                                                          : (P.v[0] - x0) / ex;
+            const double s =
+                std::abs(ex) <= std::abs(er) ? (az.radius - r0) / er : (P.v[0] - x0) / ex;
             if (0 <= s && s <= 1) return true;
         }
         return false;
@@ -122,8 +126,8 @@ bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3
     return 0 <= s && s <= 1;
 }
 
-bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
-                   double tmin, double tmax, double& t) {
+bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D, double tmin,
+                   double tmax, double& t) {
     if (faces.dimension == 1) return intersectCone(faces, face, O, D, tmin, tmax, t);
     if (faces.dimension == 2) return intersectSegment(faces, face, O, D, tmin, tmax, t);
     return intersectPolygon(faces, face, O, D, tmin, tmax, t);

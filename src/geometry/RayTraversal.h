@@ -18,14 +18,14 @@ int solveQuadratic(double a, double b, double c, double roots[2]);
 
 // Ray/face tests. t is written before the range checks, so it also holds a value
 // after a miss; tmin is not used (each test has its own lower threshold).
-bool intersectPolygon(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
-                      double tmin, double tmax, double& t);
-bool intersectSegment(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
-                      double tmin, double tmax, double& t);
-bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
-                   double tmin, double tmax, double& t);
+bool intersectPolygon(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D, double tmin,
+                      double tmax, double& t);
+bool intersectSegment(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D, double tmin,
+                      double tmax, double& t);
+bool intersectCone(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D, double tmin,
+                   double tmax, double& t);
 // Dispatches on faces.dimension: 1 cone, 2 segment, otherwise polygon.
-bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D,
-                   double tmin, double tmax, double& t);
+bool intersectFace(const FaceSet& faces, int32_t face, const Vec3& O, const Vec3& D, double tmin,
+                   double tmax, double& t);
 
 }  // namespace hemiray

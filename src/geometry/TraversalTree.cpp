@@ -72,13 +72,15 @@ inline bool hitPolygon(const PolygonRecord& r, const RayData& ray, double tmax, 
     for (int k = 0; k < Corners - 1; ++k) {
         const double* p = r.others[k];
         const double c0 = p[0] - O[0], c1 = p[1] - O[1], c2 = p[2] - O[2];
-        if ((p1 * c2 - p2 * c1) * D[0] + (p2 * c0 - p0 * c2) * D[1] + (p0 * c1 - p1 * c0) * D[2] > 0)
+        if ((p1 * c2 - p2 * c1) * D[0] + (p2 * c0 - p0 * c2) * D[1] + (p0 * c1 - p1 * c0) * D[2] >
+            0)
             return false;
         p0 = c0;
         p1 = c1;
         p2 = c2;
     }
-    return !((p1 * l2 - p2 * l1) * D[0] + (p2 * l0 - p0 * l2) * D[1] + (p0 * l1 - p1 * l0) * D[2] > 0);
+    return !((p1 * l2 - p2 * l1) * D[0] + (p2 * l0 - p0 * l2) * D[1] + (p0 * l1 - p1 * l0) * D[2] >
+             0);
 }
 
 // intersectSegment on a record.
@@ -169,7 +171,8 @@ struct TestData {
 template <int Corners>
 struct PolygonTest {
     static const void* record(const TestData& d, uint32_t e) { return d.polygons + e; }
-    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
+    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax,
+                    double& t) {
         return hitPolygon<Corners>(d.polygons[e], ray, tmax, t);
     }
 };
@@ -179,16 +182,20 @@ struct MixedPolygonTest {
     static bool hit(const TestData& d, uint32_t e, const RayData& ray, double tmin, double tmax,
                     double& t) {
         switch (d.hasData[e]) {
-            case 3: return hitPolygon<3>(d.polygons[e], ray, tmax, t);
-            case 4: return hitPolygon<4>(d.polygons[e], ray, tmax, t);
-            default: return intersectPolygon(*d.faces, d.recordFace[e], ray.O, ray.D, tmin, tmax, t);
+            case 3:
+                return hitPolygon<3>(d.polygons[e], ray, tmax, t);
+            case 4:
+                return hitPolygon<4>(d.polygons[e], ray, tmax, t);
+            default:
+                return intersectPolygon(*d.faces, d.recordFace[e], ray.O, ray.D, tmin, tmax, t);
         }
     }
 };
 
 struct SegmentTest {
     static const void* record(const TestData& d, uint32_t e) { return d.segments + e; }
-    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
+    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax,
+                    double& t) {
         return hitSegment(d.segments[e], ray, tmax, t);
     }
 };
@@ -204,7 +211,8 @@ struct MixedSegmentTest {
 
 struct ConeTest {
     static const void* record(const TestData& d, uint32_t e) { return d.cones + e; }
-    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax, double& t) {
+    static bool hit(const TestData& d, uint32_t e, const RayData& ray, double, double tmax,
+                    double& t) {
         return hitCone(d.cones[e], ray, tmax, t);
     }
 };
@@ -386,9 +394,12 @@ void TraversalTree::buildRecords() {
     };
 
     const bool polygons = faces.dimension != 1 && faces.dimension != 2;
-    if (polygons) polygons_.resize(count);
-    else if (faces.dimension == 2) segments_.resize(count);
-    else cones_.resize(count);
+    if (polygons)
+        polygons_.resize(count);
+    else if (faces.dimension == 2)
+        segments_.resize(count);
+    else
+        cones_.resize(count);
     recordHasData_.assign(count, 0);
 
     bool uniform = true;
@@ -448,10 +459,14 @@ void TraversalTree::buildRecords() {
                      : ConeRecord::Kind::Annulus;
     }
 
-    if (faces.dimension == 1) shape_ = uniform ? Shape::Cones : Shape::MixedCones;
-    else if (faces.dimension == 2) shape_ = uniform ? Shape::Segments : Shape::MixedSegments;
-    else if (!uniform) shape_ = Shape::MixedPolygons;
-    else shape_ = firstCorners == 3 ? Shape::Triangles : Shape::Quads;
+    if (faces.dimension == 1)
+        shape_ = uniform ? Shape::Cones : Shape::MixedCones;
+    else if (faces.dimension == 2)
+        shape_ = uniform ? Shape::Segments : Shape::MixedSegments;
+    else if (!uniform)
+        shape_ = Shape::MixedPolygons;
+    else
+        shape_ = firstCorners == 3 ? Shape::Triangles : Shape::Quads;
 }
 
 size_t TraversalTree::bytes() const {
@@ -522,12 +537,13 @@ bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& t
 // B on the stack; a leaf that finds a hit ends the search, as the chained searches
 // do, and a leaf that finds none resumes with the most recently deferred subtree.
 template <class Test>
-bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                                 int32_t& hitFace, double tmin, double tmax) const {
-    constexpr bool axisymmetricTest = std::is_same_v<Test, ConeTest> || std::is_same_v<Test, MixedConeTest>;
+bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
+                                 double tmin, double tmax) const {
+    constexpr bool axisymmetricTest =
+        std::is_same_v<Test, ConeTest> || std::is_same_v<Test, MixedConeTest>;
     const bool axisymmetric = dimension_ == 1;
     const RayData ray(O, D, axisymmetric || axisymmetricTest);
-    const TestData data{polygons_.data(), segments_.data(), cones_.data(),
+    const TestData data{polygons_.data(),   segments_.data(),      cones_.data(),
                         recordFace_.data(), recordHasData_.data(), faces_};
     const Node* nodes = nodes_.data();
     const uint32_t* entries = leafEntries_.data();
@@ -549,9 +565,12 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
             const double s = node->split;
             const double o = O.v[axis];
             const double d = D.v[axis];
-            if (o == s) index = descendFromPlane(node->index, d, tmin, tmax, push);
-            else if (axisymmetric && axis == 1) index = descendCylinder(node->index, s, ray, tmin, tmax, push);
-            else index = descendPlane(node->index, s, o, d, tmin, tmax, push);
+            if (o == s)
+                index = descendFromPlane(node->index, d, tmin, tmax, push);
+            else if (axisymmetric && axis == 1)
+                index = descendCylinder(node->index, s, ray, tmin, tmax, push);
+            else
+                index = descendPlane(node->index, s, o, d, tmin, tmax, push);
             node = nodes + index;
         }
 
@@ -591,13 +610,20 @@ bool TraversalTree::traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint,
 bool TraversalTree::traverse(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                              double tmin, double tmax) const {
     switch (shape_) {
-        case Shape::Triangles: return traverseWith<PolygonTest<3>>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::Quads: return traverseWith<PolygonTest<4>>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::MixedPolygons: return traverseWith<MixedPolygonTest>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::Segments: return traverseWith<SegmentTest>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::MixedSegments: return traverseWith<MixedSegmentTest>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::Cones: return traverseWith<ConeTest>(O, D, hitPoint, hitFace, tmin, tmax);
-        case Shape::MixedCones: return traverseWith<MixedConeTest>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::Triangles:
+            return traverseWith<PolygonTest<3>>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::Quads:
+            return traverseWith<PolygonTest<4>>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::MixedPolygons:
+            return traverseWith<MixedPolygonTest>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::Segments:
+            return traverseWith<SegmentTest>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::MixedSegments:
+            return traverseWith<MixedSegmentTest>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::Cones:
+            return traverseWith<ConeTest>(O, D, hitPoint, hitFace, tmin, tmax);
+        case Shape::MixedCones:
+            return traverseWith<MixedConeTest>(O, D, hitPoint, hitFace, tmin, tmax);
     }
     return false;
 }

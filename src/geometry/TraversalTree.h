@@ -27,16 +27,16 @@ namespace hemiray {
 // the face-set tests use. Polygons of three or four nodes (a triangle leaves the
 // last entry of `others` unused); 128 bytes, two cache lines.
 struct alignas(64) PolygonRecord {
-    double normal[3];      // the area vector
-    double minDistance;    // 0.001 sqrt|normal|: nearer hits are the ray's own face
-    double last[3];        // the last node, where the edge loop starts
-    double others[3][3];   // the other nodes from the first on
+    double normal[3];     // the area vector
+    double minDistance;   // 0.001 sqrt|normal|: nearer hits are the ray's own face
+    double last[3];       // the last node, where the edge loop starts
+    double others[3][3];  // the other nodes from the first on
 };
 
 // Planar segments: the first node twice for a face of one node.
 struct SegmentRecord {
     double normal[3];
-    double minDistance;    // 0.001 |normal|
+    double minDistance;  // 0.001 |normal|
     double first[3];
     double second[3];
 };
@@ -48,11 +48,11 @@ struct ConeRecord {
     // plane x = x0 of an annulus.
     enum class Kind : int64_t { Axial, Radial, Annulus };
 
-    double x0, r0;         // the first node
-    double ex, er;         // the second node minus the first
+    double x0, r0;  // the first node
+    double ex, er;  // the second node minus the first
     double normal[3];
-    double minDistance;    // 0.001 |normal|
-    double ex2, er2, exR0; // ex ex, er er, ex r0
+    double minDistance;     // 0.001 |normal|
+    double ex2, er2, exR0;  // ex ex, er er, ex r0
     Kind kind;
 };
 
@@ -82,8 +82,7 @@ public:
                                 double tmin, double tmax) const;
     // clip, then traverse over the clipped interval: one ray as the sampling loop
     // traces it.
-    [[nodiscard]] bool trace(const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                             int32_t& hitFace) const;
+    [[nodiscard]] bool trace(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) const;
 
     // Bytes held by the copy (nodes, face lists, face records).
     size_t bytes() const;
@@ -99,13 +98,20 @@ public:
 
     // How the faces' ray tests read their data: from records of one shape for every
     // face, or per face, falling back to the face set where a face has no record.
-    enum class Shape { Triangles, Quads, MixedPolygons, Segments, MixedSegments, Cones, MixedCones };
+    enum class Shape {
+        Triangles,
+        Quads,
+        MixedPolygons,
+        Segments,
+        MixedSegments,
+        Cones,
+        MixedCones
+    };
 
 private:
-
     template <class Test>
-    bool traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
-                      double tmin, double tmax) const;
+    bool traverseWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace, double tmin,
+                      double tmax) const;
     void copyTree(BspNode& root, bool release);
     void flatten(BspNode& node, uint32_t slot, int32_t depth, std::vector<int32_t>& recordOf,
                  bool release);
@@ -118,10 +124,10 @@ private:
     const FaceSet* faces_ = nullptr;  // not owned
     Shape shape_ = Shape::MixedPolygons;
 
-    std::vector<Node> nodes_;            // [0] is the root
-    std::vector<uint32_t> leafEntries_;  // record indices, leaf after leaf, in list order
-    std::vector<int32_t> recordFace_;    // face index of each record
-    std::vector<uint8_t> recordHasData_; // mixed shapes: 0 where the face set is read instead
+    std::vector<Node> nodes_;             // [0] is the root
+    std::vector<uint32_t> leafEntries_;   // record indices, leaf after leaf, in list order
+    std::vector<int32_t> recordFace_;     // face index of each record
+    std::vector<uint8_t> recordHasData_;  // mixed shapes: 0 where the face set is read instead
     // The records of the one shape family the faces belong to, in record order.
     std::vector<PolygonRecord> polygons_;
     std::vector<SegmentRecord> segments_;

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstddef>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <type_traits>
 
@@ -106,13 +106,21 @@ void checkLength(uint64_t totalBytes, uint64_t needed) {
 
 void checkElementType(int32_t elementType) {
     switch (elementType) {
-        case 0: case 2: case 3: case 4: case 5: return;
-        default: reportInputError("element type not supported");
+        case 0:
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+            return;
+        default:
+            reportInputError("element type not supported");
     }
 }
 
 // Face numbers are 32-bit fields and wrap like them, as in the text readers.
-int32_t wrapToInt32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
+int32_t wrapToInt32(int64_t value) {
+    return static_cast<int32_t>(static_cast<uint32_t>(value));
+}
 
 Vec3 loadVec3(const double (&components)[3]) {
     return Vec3(components[0], components[1], components[2]);
@@ -157,7 +165,8 @@ MeshBlockView openDirectBlock(const void* block) {
         if (count > 0 && array == nullptr) reportInputError("mesh block array pointer is null");
         return static_cast<const std::byte*>(array);
     };
-    view.parameters = static_cast<const std::byte*>(block) + offsetof(hemiray_block_head, parameters);
+    view.parameters =
+        static_cast<const std::byte*>(block) + offsetof(hemiray_block_head, parameters);
     view.nodes = take(direct.nodes, head.nodeCount);
     view.periodic = take(direct.periodic, head.periodicCount);
     view.zones = take(direct.zones, head.faceZoneCount);
@@ -191,8 +200,10 @@ void readBlockFaces(const MeshBlockView& block, FaceSet& allFaces, FaceSet& part
     // The counts fit the block (or the host vouches for them), so reserving them is
     // proportional to data that really exists.
     allFaces.faceId.reserve(allFaces.faceId.size() + static_cast<size_t>(block.faceCount));
-    allFaces.faceNodeStart.reserve(allFaces.faceNodeStart.size() + static_cast<size_t>(block.faceCount));
-    allFaces.faceNodes.reserve(allFaces.faceNodes.size() + static_cast<size_t>(block.faceNodeCount));
+    allFaces.faceNodeStart.reserve(allFaces.faceNodeStart.size() +
+                                   static_cast<size_t>(block.faceCount));
+    allFaces.faceNodes.reserve(allFaces.faceNodes.size() +
+                               static_cast<size_t>(block.faceNodeCount));
 
     int64_t face = 0;      // next entry of faceNodeCounts
     int64_t faceNode = 0;  // next entry of faceNodes
@@ -210,8 +221,10 @@ void readBlockFaces(const MeshBlockView& block, FaceSet& allFaces, FaceSet& part
         if (zoneIndex < 0) reportInputError("invalid id index");
 
         const bool countedFaces = zone.elementType == 0 || zone.elementType == 5;
-        const int64_t zoneFaces = std::max<int64_t>(int64_t{zone.lastIndex} - zone.firstIndex + 1, 0);
-        if (zoneFaces > block.faceCount - face) reportInputError("zone faces overrun the face count");
+        const int64_t zoneFaces =
+            std::max<int64_t>(int64_t{zone.lastIndex} - zone.firstIndex + 1, 0);
+        if (zoneFaces > block.faceCount - face)
+            reportInputError("zone faces overrun the face count");
 
         const int32_t firstAllFace = allFaces.faceCount();
         for (int64_t k = 0; k < zoneFaces; ++k, ++face) {
@@ -235,8 +248,10 @@ void readBlockFaces(const MeshBlockView& block, FaceSet& allFaces, FaceSet& part
         // Participating zones copy their faces that have nodes, in order.
         if (isParticipatingZoneType(zone.zoneType)) {
             for (int32_t f = firstAllFace; f < allFaces.faceCount(); ++f) {
-                const auto begin = allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f)];
-                const auto end = allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f) + 1];
+                const auto begin =
+                    allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f)];
+                const auto end =
+                    allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f) + 1];
                 if (begin == end) continue;
                 participatingFaces.faceId.push_back(allFaces.faceId[static_cast<size_t>(f)]);
                 participatingFaces.faceNodes.insert(participatingFaces.faceNodes.end(), begin, end);

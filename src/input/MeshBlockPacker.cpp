@@ -19,7 +19,8 @@ public:
 
     template <typename T>
     void append(const T& value) {
-        HEMIRAY_CHECK(block_.size() - used_ >= sizeof value, "block_.size() - used_ >= sizeof value");
+        HEMIRAY_CHECK(block_.size() - used_ >= sizeof value,
+                      "block_.size() - used_ >= sizeof value");
         std::memcpy(block_.data() + used_, &value, sizeof value);
         used_ += sizeof value;
     }
@@ -124,7 +125,8 @@ hemiray_direct_block directBlockFor(const std::vector<std::byte>& packed) {
                   "packed.size() >= sizeof(hemiray_block_head)");
     hemiray_direct_block direct{};
     std::memcpy(&direct.head, packed.data(), sizeof direct.head);
-    HEMIRAY_CHECK(direct.head.totalBytes == packed.size(), "direct.head.totalBytes == packed.size()");
+    HEMIRAY_CHECK(direct.head.totalBytes == packed.size(),
+                  "direct.head.totalBytes == packed.size()");
     const MeshBlockView view = openPackedBlock(packed.data());
     direct.head.tag = HEMIRAY_DIRECT_TAG;
     direct.head.totalBytes = sizeof(hemiray_direct_block);

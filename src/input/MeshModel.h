@@ -22,10 +22,14 @@ inline constexpr int32_t zoneTypePeriodic = 2012;
 // Mappings from the model's dimension (1 axisymmetric, 2 planar, 3 three-dimensional),
 // written once here so that readers, writers and front ends agree.
 // Coordinates each node carries in the input: (x, r) or (x, y) below 3D.
-constexpr int nodeCoordinateCount(int32_t dimension) { return dimension == 3 ? 3 : 2; }
+constexpr int nodeCoordinateCount(int32_t dimension) {
+    return dimension == 3 ? 3 : 2;
+}
 // Direction set of the hemisphere: a half circle in the plane (2), a hemisphere in
 // 3D and axisymmetric runs (3), whose rays leave the meridian plane.
-constexpr int hemisphereMode(int32_t dimension) { return dimension == 2 ? 2 : 3; }
+constexpr int hemisphereMode(int32_t dimension) {
+    return dimension == 2 ? 2 : 3;
+}
 
 // A revolved face (a cone, cylinder or annulus) counts as hit only at least this far
 // along the ray: a nearer root is the surface the ray leaves.
@@ -38,9 +42,10 @@ constexpr bool isParticipatingZoneType(int32_t zoneType) {
 }
 
 struct FaceSet {
-    int32_t dimension = 0;               // 1 axisymmetric, 2 planar, 3 three-dimensional
-    const NodeArray* nodes = nullptr;    // not owned; shared by both face sets of a run
-    std::vector<int32_t> faceNodeStart;  // face f owns faceNodes[faceNodeStart[f] .. faceNodeStart[f+1])
+    int32_t dimension = 0;             // 1 axisymmetric, 2 planar, 3 three-dimensional
+    const NodeArray* nodes = nullptr;  // not owned; shared by both face sets of a run
+    std::vector<int32_t>
+        faceNodeStart;  // face f owns faceNodes[faceNodeStart[f] .. faceNodeStart[f+1])
     std::vector<int32_t> faceNodes;      // 0-based node indices, face after face
     std::vector<int32_t> faceGlob;       // cluster of each face; -1 for none
     std::vector<int32_t> faceId;         // position of the face in allFaces
@@ -67,9 +72,9 @@ struct ZoneTable {
     std::vector<int32_t> periodicType;    // 0 translational or not periodic; else rotational
     std::vector<int32_t> periodicShadow;  // set on the zone named first in a pair only; else -1
     std::vector<double> periodicAngle;
-    std::vector<Vec3> periodicAxisA;      // rotational: a point on the axis
-    std::vector<Vec3> periodicAxisB;      // rotational: the axis direction (unit)
-    std::vector<Vec3> periodicShift;      // translational: the shift
+    std::vector<Vec3> periodicAxisA;  // rotational: a point on the axis
+    std::vector<Vec3> periodicAxisB;  // rotational: the axis direction (unit)
+    std::vector<Vec3> periodicShift;  // translational: the shift
 
     // Reserves room for the expected count plus one, clamped so that a wild count
     // from the size section cannot make the reservation itself fail.

@@ -85,8 +85,14 @@ void readFaceSection(std::istream& input, FaceSet& allFaces, FaceSet& participat
 
     expectOpening(input, "couldn't read face section body");
     switch (elementType) {
-        case 0: case 2: case 3: case 4: case 5: break;
-        default: reportInputError("element type not supported");
+        case 0:
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+            break;
+        default:
+            reportInputError("element type not supported");
     }
     // The first zone with this id wins, so a repeated id gives the faces of the
     // later section the index of the earlier one.
@@ -120,8 +126,10 @@ void readFaceSection(std::istream& input, FaceSet& allFaces, FaceSet& participat
     // remembers each face's number in allFaces.
     if (isParticipatingZoneType(zoneType)) {
         for (int32_t f = firstAllFace; f < allFaces.faceCount(); ++f) {
-            const auto begin = allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f)];
-            const auto end = allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f) + 1];
+            const auto begin =
+                allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f)];
+            const auto end =
+                allFaces.faceNodes.begin() + allFaces.faceNodeStart[static_cast<size_t>(f) + 1];
             if (begin == end) continue;
             participatingFaces.faceId.push_back(allFaces.faceId[static_cast<size_t>(f)]);
             participatingFaces.faceNodes.insert(participatingFaces.faceNodes.end(), begin, end);

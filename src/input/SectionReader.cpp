@@ -56,7 +56,9 @@ ScopedInputErrorsThrow::ScopedInputErrorsThrow() : previous_(inputErrorsThrow) {
     inputErrorsThrow = true;
 }
 
-ScopedInputErrorsThrow::~ScopedInputErrorsThrow() { inputErrorsThrow = previous_; }
+ScopedInputErrorsThrow::~ScopedInputErrorsThrow() {
+    inputErrorsThrow = previous_;
+}
 
 void reportInputError(const char* message) {
     if (inputErrorsThrow) throw InputError(message);
@@ -64,13 +66,13 @@ void reportInputError(const char* message) {
     std::exit(1);
 }
 
-void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
-                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones) {
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes, FaceSet& allFaces,
+                      FaceSet& participatingFaces, ZoneTable& zones) {
     readMeshSections(input, dimension, nodes, allFaces, participatingFaces, zones, {});
 }
 
-void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
-                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones,
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes, FaceSet& allFaces,
+                      FaceSet& participatingFaces, ZoneTable& zones,
                       const ExtraSectionReader& extra) {
     char c = 0;
     input >> c;

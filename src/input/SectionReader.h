@@ -46,16 +46,16 @@ void copyGlobsToParticipatingFaces(const FaceSet& allFaces, FaceSet& participati
 // Reads sections until the input ends or a character other than "(" stands where a
 // section would open, then copies glob ids from allFaces into participatingFaces.
 // Malformed sections end the process through reportInputError.
-void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
-                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones);
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes, FaceSet& allFaces,
+                      FaceSet& participatingFaces, ZoneTable& zones);
 
 // For readers of files that carry more than a model (results): a section whose id
 // is not a mesh section is first offered to `extra`, with the stream just after
 // the id. When it returns true the section counts as read (whatever it left up to
 // the section's ")" is skipped); false lets the id take its usual course.
 using ExtraSectionReader = std::function<bool(int32_t sectionId, std::istream& input)>;
-void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes,
-                      FaceSet& allFaces, FaceSet& participatingFaces, ZoneTable& zones,
+void readMeshSections(std::istream& input, int32_t dimension, NodeArray& nodes, FaceSet& allFaces,
+                      FaceSet& participatingFaces, ZoneTable& zones,
                       const ExtraSectionReader& extra);
 
 }  // namespace hemiray

@@ -28,7 +28,9 @@ const ConsumerLifetime consumerLifetime;
 
 }  // namespace
 
-Hdf5Consumer* Hdf5Consumer::instance() { return processConsumer; }
+Hdf5Consumer* Hdf5Consumer::instance() {
+    return processConsumer;
+}
 
 Hdf5Consumer::Hdf5Consumer() : ready_(H5open() >= 0) {
     if (ready_) driver_ = registerSafeWriteDriver();
@@ -53,8 +55,7 @@ Hdf5Consumer::~Hdf5Consumer() {
     if (driver_ >= 0 && H5Iget_type(driver_) == H5I_VFL) H5FDunregister(driver_);
 }
 
-Hdf5Consumer::OpenResult::OpenResult(std::string targetName, std::string partialName,
-                                     hid_t driver)
+Hdf5Consumer::OpenResult::OpenResult(std::string targetName, std::string partialName, hid_t driver)
     : target(std::move(targetName)), partial(std::move(partialName)), writer(partial, driver) {}
 
 Hdf5Consumer::OpenResult::~OpenResult() {
@@ -103,8 +104,12 @@ Hdf5Delivery::~Hdf5Delivery() {
     if (holdsResult_) consumer_.release();
 }
 
-Hdf5ResultWriter& Hdf5Delivery::writer() { return consumer_.current_->writer; }
+Hdf5ResultWriter& Hdf5Delivery::writer() {
+    return consumer_.current_->writer;
+}
 
-bool Hdf5Delivery::commit() { return holdsResult_ && consumer_.publish(); }
+bool Hdf5Delivery::commit() {
+    return holdsResult_ && consumer_.publish();
+}
 
 }  // namespace hemiray

@@ -51,9 +51,9 @@ private:
     bool publish();  // closes the current file and moves it over its target
     void release();  // ends the current result, published or not
 
-    bool ready_ = false;  // the HDF5 library initialised
+    bool ready_ = false;              // the HDF5 library initialised
     hid_t driver_ = H5I_INVALID_HID;  // the safe-write driver
-    std::mutex mutex_;    // guards current_
+    std::mutex mutex_;                // guards current_
     std::unique_ptr<OpenResult> current_;
     std::atomic<std::thread::id> owner_{};  // the thread of the run in progress
 };

@@ -17,8 +17,7 @@ public:
     Hdf5Id() = default;
     Hdf5Id(hid_t id, CloseFunction close) : id_(id), close_(close) {}
     ~Hdf5Id() { reset(); }
-    Hdf5Id(Hdf5Id&& o) noexcept
-        : id_(std::exchange(o.id_, H5I_INVALID_HID)), close_(o.close_) {}
+    Hdf5Id(Hdf5Id&& o) noexcept : id_(std::exchange(o.id_, H5I_INVALID_HID)), close_(o.close_) {}
     Hdf5Id& operator=(Hdf5Id&& o) noexcept {
         if (this != &o) {
             reset();

@@ -22,7 +22,9 @@ constexpr hsize_t rowStartChunk = hsize_t{1} << 14;
 // would cost more file space in filter headers than it saves.
 constexpr hsize_t compressFrom = 4096;
 
-Hdf5Id scalarSpace() { return {H5Screate(H5S_SCALAR), H5Sclose}; }
+Hdf5Id scalarSpace() {
+    return {H5Screate(H5S_SCALAR), H5Sclose};
+}
 
 // Creation properties of groups and datasets whose object headers keep no times:
 // the same result then gives the same file bytes, run after run.
@@ -79,8 +81,8 @@ Hdf5Id chunkedCreation(int rank, const hsize_t* chunk) {
 }
 
 // A dataset of rank 1 or 2 written whole; an empty one is created and left empty.
-bool writeDataset(hid_t location, const char* name, hid_t fileType, hid_t memoryType,
-                  hsize_t rows, hsize_t columns, const void* data) {
+bool writeDataset(hid_t location, const char* name, hid_t fileType, hid_t memoryType, hsize_t rows,
+                  hsize_t columns, const void* data) {
     const int rank = columns == 0 ? 1 : 2;
     const hsize_t dims[2] = {rows, columns};
     const Hdf5Id space(H5Screate_simple(rank, dims, nullptr), H5Sclose);
@@ -92,9 +94,9 @@ bool writeDataset(hid_t location, const char* name, hid_t fileType, hid_t memory
         creation = chunkedCreation(rank, chunk);
     }
     if (!creation.valid()) return false;
-    Hdf5Id dataset(H5Dcreate2(location, name, fileType, space.get(), H5P_DEFAULT, creation.get(),
-                              H5P_DEFAULT),
-                   H5Dclose);
+    Hdf5Id dataset(
+        H5Dcreate2(location, name, fileType, space.get(), H5P_DEFAULT, creation.get(), H5P_DEFAULT),
+        H5Dclose);
     if (!dataset.valid()) return false;
     if (elements > 0 &&
         H5Dwrite(dataset.get(), memoryType, H5S_ALL, H5S_ALL, H5P_DEFAULT, data) < 0)
@@ -126,7 +128,8 @@ bool writeVectors(hid_t location, const char* name, const std::vector<Vec3>& vec
 Hdf5ResultWriter::Hdf5ResultWriter(const std::string& path, hid_t safeWriteDriver) {
     const Hdf5Id access(H5Pcreate(H5P_FILE_ACCESS), H5Pclose);
     if (!check(access.valid())) return;
-    if (safeWriteDriver >= 0 && !check(useSafeWriteDriver(access.get(), safeWriteDriver, &writeStatus_)))
+    if (safeWriteDriver >= 0 &&
+        !check(useSafeWriteDriver(access.get(), safeWriteDriver, &writeStatus_)))
         return;
     file_ = Hdf5Id(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, access.get()), H5Fclose);
     check(file_.valid());
@@ -174,8 +177,8 @@ void Hdf5ResultWriter::writeNodes(int32_t coordinateCount, const NodeArray& node
     flat.reserve(nodes.size() * static_cast<size_t>(d));
     for (const Vec3& node : nodes)
         for (int32_t k = 0; k < d; ++k) flat.push_back(node[k]);
-    check(writeDataset(file_.get(), layout::nodes, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE,
-                       nodes.size(), static_cast<hsize_t>(d), flat.data()));
+    check(writeDataset(file_.get(), layout::nodes, H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, nodes.size(),
+                       static_cast<hsize_t>(d), flat.data()));
 }
 
 void Hdf5ResultWriter::writeZones(const ZoneTable& zones) {
@@ -238,9 +241,9 @@ void Hdf5ResultWriter::beginRows(const std::vector<int32_t>& activeGlobs, int32_
         const Hdf5Id space(H5Screate_simple(1, &initial, &unlimited), H5Sclose);
         const Hdf5Id creation = chunkedCreation(1, &chunk);
         if (!space.valid() || !creation.valid()) return false;
-        target.dataset = Hdf5Id(H5Dcreate2(g, name, fileType, space.get(), H5P_DEFAULT,
-                                           creation.get(), H5P_DEFAULT),
-                                H5Dclose);
+        target.dataset = Hdf5Id(
+            H5Dcreate2(g, name, fileType, space.get(), H5P_DEFAULT, creation.get(), H5P_DEFAULT),
+            H5Dclose);
         target.memoryType = memoryType;
         return target.dataset.valid();
     };
@@ -284,8 +287,8 @@ void Hdf5ResultWriter::append(Extendible& target, const void* data, hsize_t coun
     if (!check(fileSpace.valid() && memorySpace.valid() &&
                H5Sselect_hyperslab(fileSpace.get(), H5S_SELECT_SET, &start, nullptr, &count,
                                    nullptr) >= 0 &&
-               H5Dwrite(target.dataset.get(), target.memoryType, memorySpace.get(),
-                        fileSpace.get(), H5P_DEFAULT, data) >= 0))
+               H5Dwrite(target.dataset.get(), target.memoryType, memorySpace.get(), fileSpace.get(),
+                        H5P_DEFAULT, data) >= 0))
         return;
     target.length = length;
     check(true);  // a write the driver could not make stops the rows here

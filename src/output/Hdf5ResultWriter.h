@@ -78,7 +78,7 @@ private:
     std::vector<double> valueBuffer_;
     size_t bufferedEntriesLimit_ = 0;  // flush once this many entries wait
     size_t bufferedRowsLimit_ = 0;
-    int64_t entriesWritten_ = 0;       // entries of all rows appended so far
+    int64_t entriesWritten_ = 0;  // entries of all rows appended so far
     uint64_t rowsAnnounced_ = 0;
     uint64_t rowsAppended_ = 0;
     bool rowsBegun_ = false;

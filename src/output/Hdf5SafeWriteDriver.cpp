@@ -2,13 +2,13 @@
 // "sec2" driver, with write failures recorded instead of returned.
 #include "output/Hdf5SafeWriteDriver.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <new>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace hemiray {
@@ -38,7 +38,7 @@ struct SafeFile {
     dev_t device = 0;
     ino_t inode = 0;
     Hdf5WriteStatus* status = nullptr;
-    bool failed = false;  // a write failed: later writes are held in memory
+    bool failed = false;          // a write failed: later writes are held in memory
     std::vector<HeldWrite> held;  // in the order they were made
 };
 
@@ -143,7 +143,8 @@ herr_t readFile(H5FD_t* base, H5FD_mem_t, hid_t, haddr_t address, size_t size, v
     for (const HeldWrite& w : file->held) {
         const haddr_t from = std::max(begin, w.address);
         const haddr_t to = std::min(end, w.address + w.bytes.size());
-        if (from < to) std::memcpy(target + (from - begin), w.bytes.data() + (from - w.address), to - from);
+        if (from < to)
+            std::memcpy(target + (from - begin), w.bytes.data() + (from - w.address), to - from);
     }
     return 0;
 }
@@ -189,43 +190,45 @@ herr_t truncateFile(H5FD_t* base, hid_t, hbool_t) {
 }
 
 const H5FD_class_t safeWriteClass = {
-    "hemiray-safe-write",        // name
-    maxAddress,                  // maxaddr
-    H5F_CLOSE_WEAK,              // fc_degree
-    nullptr,                     // terminate
-    nullptr,                     // sb_size
-    nullptr,                     // sb_encode
-    nullptr,                     // sb_decode
-    sizeof(DriverInfo),          // fapl_size
-    nullptr,                     // fapl_get
-    nullptr,                     // fapl_copy (HDF5 copies fapl_size bytes)
-    nullptr,                     // fapl_free
-    0,                           // dxpl_size
-    nullptr,                     // dxpl_copy
-    nullptr,                     // dxpl_free
-    openFile,                    // open
-    closeFile,                   // close
-    compareFiles,                // cmp
-    queryFeatures,               // query
-    nullptr,                     // get_type_map
-    nullptr,                     // alloc
-    nullptr,                     // free
-    getEoa,                      // get_eoa
-    setEoa,                      // set_eoa
-    getEof,                      // get_eof
-    getHandle,                   // get_handle
-    readFile,                    // read
-    writeFile,                   // write
-    nullptr,                     // flush: every write already went to the system
-    truncateFile,                // truncate
-    nullptr,                     // lock
-    nullptr,                     // unlock
-    H5FD_FLMAP_DICHOTOMY,        // fl_map
+    "hemiray-safe-write",  // name
+    maxAddress,            // maxaddr
+    H5F_CLOSE_WEAK,        // fc_degree
+    nullptr,               // terminate
+    nullptr,               // sb_size
+    nullptr,               // sb_encode
+    nullptr,               // sb_decode
+    sizeof(DriverInfo),    // fapl_size
+    nullptr,               // fapl_get
+    nullptr,               // fapl_copy (HDF5 copies fapl_size bytes)
+    nullptr,               // fapl_free
+    0,                     // dxpl_size
+    nullptr,               // dxpl_copy
+    nullptr,               // dxpl_free
+    openFile,              // open
+    closeFile,             // close
+    compareFiles,          // cmp
+    queryFeatures,         // query
+    nullptr,               // get_type_map
+    nullptr,               // alloc
+    nullptr,               // free
+    getEoa,                // get_eoa
+    setEoa,                // set_eoa
+    getEof,                // get_eof
+    getHandle,             // get_handle
+    readFile,              // read
+    writeFile,             // write
+    nullptr,               // flush: every write already went to the system
+    truncateFile,          // truncate
+    nullptr,               // lock
+    nullptr,               // unlock
+    H5FD_FLMAP_DICHOTOMY,  // fl_map
 };
 
 }  // namespace
 
-hid_t registerSafeWriteDriver() { return H5FDregister(&safeWriteClass); }
+hid_t registerSafeWriteDriver() {
+    return H5FDregister(&safeWriteClass);
+}
 
 bool useSafeWriteDriver(hid_t fileAccess, hid_t driver, Hdf5WriteStatus* status) {
     const DriverInfo info{status};
@@ -234,9 +237,13 @@ bool useSafeWriteDriver(hid_t fileAccess, hid_t driver, Hdf5WriteStatus* status)
 
 #else
 
-hid_t registerSafeWriteDriver() { return H5I_INVALID_HID; }
+hid_t registerSafeWriteDriver() {
+    return H5I_INVALID_HID;
+}
 
-bool useSafeWriteDriver(hid_t, hid_t, Hdf5WriteStatus*) { return false; }
+bool useSafeWriteDriver(hid_t, hid_t, Hdf5WriteStatus*) {
+    return false;
+}
 
 #endif
 

@@ -1,13 +1,13 @@
 // Partial result files beside their target, and their move over it.
 #include "output/ReplacementFile.h"
 
-#include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <cstdlib>
-#include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 
 namespace hemiray {
 

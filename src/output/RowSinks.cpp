@@ -70,8 +70,8 @@ public:
         const Model& model = head.model;
         const SizeSection& s = model.sizes;
         Hdf5ResultWriter& file = delivery_->writer();
-        file.writeSizes(s.size1, s.size2, s.zoneCount, s.globCount, s.dimension,
-                        head.headerData, head.headerFlag);
+        file.writeSizes(s.size1, s.size2, s.zoneCount, s.globCount, s.dimension, head.headerData,
+                        head.headerFlag);
         file.writeParameters(model.parameters);
         file.writeNodes(model.nodeCoordinates, model.nodes);
         file.writeZones(model.zones);

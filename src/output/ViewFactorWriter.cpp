@@ -63,11 +63,10 @@ FaceRange zoneFaces(const ZoneTable& zones, int32_t z, int32_t faceCount) {
     return {first, last};
 }
 
-void writeZoneHeader(std::ostream& out, int32_t sectionId, const ZoneTable& zones,
-                     int32_t z) {
+void writeZoneHeader(std::ostream& out, int32_t sectionId, const ZoneTable& zones, int32_t z) {
     out << '(' << sectionId << " (" << zones.zoneId[z] << ' ' << zones.zoneFirst[z] << ' '
-        << zones.zoneLast[z] << ' ' << zones.zoneType[z] << ' '
-        << zones.zoneElementType[z] << ')' << std::endl
+        << zones.zoneLast[z] << ' ' << zones.zoneType[z] << ' ' << zones.zoneElementType[z] << ')'
+        << std::endl
         << '(';
 }
 
@@ -77,29 +76,27 @@ void writeComponents(std::ostream& out, const Vec3& v) {
 
 }  // namespace
 
-void writeFileHeader(std::ostream& out, int32_t size1, int32_t size2, int32_t size3,
-                     int32_t size4, int32_t dimension, const char* headerData,
-                     bool headerFlag) {
+void writeFileHeader(std::ostream& out, int32_t size1, int32_t size2, int32_t size3, int32_t size4,
+                     int32_t dimension, const char* headerData, bool headerFlag) {
     // A host that hands its mesh over in memory may have no header text at all;
     // the comment section is then written empty rather than read through null.
-    out << '(' << (headerFlag ? "-1" : "0") << " \"" << (headerData ? headerData : "")
-        << "\")" << std::endl;
-    out << '(' << size1 << ' ' << size2 << ' ' << size3 << ' ' << size4 << ' '
-        << dimension << ')' << std::endl;
+    out << '(' << (headerFlag ? "-1" : "0") << " \"" << (headerData ? headerData : "") << "\")"
+        << std::endl;
+    out << '(' << size1 << ' ' << size2 << ' ' << size3 << ' ' << size4 << ' ' << dimension << ')'
+        << std::endl;
 }
 
 void writeParameterHeader(std::ostream& out, const RunParameters& p) {
     // Stays set for the node coordinates and the periodic data written next.
     out << std::scientific << std::setprecision(8);
-    out << '(' << p.param1 << ' ' << p.hemisphereResolution << ' ' << p.param3 << ' '
-        << p.param4 << std::endl;
+    out << '(' << p.param1 << ' ' << p.hemisphereResolution << ' ' << p.param3 << ' ' << p.param4
+        << std::endl;
     out << p.param5 << ' ' << p.param6 << ' ' << p.param7 << std::endl;
     out << p.param8 << ' ' << p.param9 << ' ' << p.param10 << std::endl;
     out << p.param11 << ' ' << p.param12 << ' ' << p.param13 << ')' << std::endl;
 }
 
-void writeNodeSection(std::ostream& out, int32_t coordinateCount,
-                      const NodeArray& nodes) {
+void writeNodeSection(std::ostream& out, int32_t coordinateCount, const NodeArray& nodes) {
     // The node header is hexadecimal in the input syntax; its last field stays 3
     // whatever the coordinate count, as the host expects.
     out << '(' << 10 << " (1 1 " << std::hex << nodes.size() << std::dec << " 1 "
@@ -118,13 +115,11 @@ void writeNodeSection(std::ostream& out, int32_t coordinateCount,
     out << "))" << std::endl;
 }
 
-void writeFaceSections(std::ostream& out, const ZoneTable& zones,
-                       const FaceSet& allFaces) {
+void writeFaceSections(std::ostream& out, const ZoneTable& zones, const FaceSet& allFaces) {
     const int32_t faceCount = std::max(allFaces.faceCount(), 0);
     for (int32_t z = 0; z < zones.zoneCount(); ++z) {
         writeZoneHeader(out, 311, zones, z);
-        const bool countedFaces =
-            zones.zoneElementType[z] == 0 || zones.zoneElementType[z] == 5;
+        const bool countedFaces = zones.zoneElementType[z] == 0 || zones.zoneElementType[z] == 5;
         const auto [first, last] = zoneFaces(zones, z, faceCount);
         for (int32_t f = first; f < last; ++f) {
             const int32_t begin = allFaces.faceNodeStart[f];
@@ -139,16 +134,14 @@ void writeFaceSections(std::ostream& out, const ZoneTable& zones,
     }
 }
 
-void writeGlobSections(std::ostream& out, const ZoneTable& zones,
-                       const FaceSet& allFaces) {
-    const auto faceCount = static_cast<int32_t>(std::min<size_t>(
-        allFaces.faceGlob.size(), static_cast<size_t>(allFaces.faceCount())));
+void writeGlobSections(std::ostream& out, const ZoneTable& zones, const FaceSet& allFaces) {
+    const auto faceCount = static_cast<int32_t>(
+        std::min<size_t>(allFaces.faceGlob.size(), static_cast<size_t>(allFaces.faceCount())));
     for (int32_t z = 0; z < zones.zoneCount(); ++z) {
         if (!writesGlobSection(zones.zoneType[z])) continue;
         writeZoneHeader(out, 309, zones, z);
         const auto [first, last] = zoneFaces(zones, z, faceCount);
-        for (int32_t f = first; f < last; ++f)
-            out << std::endl << "  " << allFaces.faceGlob[f];
+        for (int32_t f = first; f < last; ++f) out << std::endl << "  " << allFaces.faceGlob[f];
         out << "))" << std::endl;
     }
 }
@@ -160,9 +153,8 @@ void writePeriodicSections(std::ostream& out, const ZoneTable& zones) {
         // zone that was only ever named as a shadow, or never paired, has none; it
         // names itself, an identifier that exists, so the file still reads back.
         const int32_t shadow = zones.periodicShadow[z];
-        const int32_t shadowId = shadow >= 0 && shadow < zones.zoneCount()
-                                     ? zones.zoneId[shadow]
-                                     : zones.zoneId[z];
+        const int32_t shadowId =
+            shadow >= 0 && shadow < zones.zoneCount() ? zones.zoneId[shadow] : zones.zoneId[z];
         out << '(' << 18 << " (" << zones.zoneId[z] << ' ' << shadowId << ")\n"
             << zones.periodicType[z] << '\n';
         if (zones.periodicType[z] != 0) {
@@ -206,14 +198,16 @@ void writeTextRow(std::ostream& out, const SparseRowVector& row) {
     text.clear();
     char number[64];
     const auto append = [&](auto value, auto... format) {
-        const std::to_chars_result end = std::to_chars(number, number + sizeof number, value, format...);
+        const std::to_chars_result end =
+            std::to_chars(number, number + sizeof number, value, format...);
         text.append(number, end.ptr);
         text.push_back(' ');
     };
     append(row.np);
     for (int32_t k = 0; k < row.np; ++k) append(row.columnAt(k));
     text.push_back('\n');
-    for (int32_t k = 0; k < row.np; ++k) append(row.valueAt(row.columnAt(k)), std::chars_format::fixed, 6);
+    for (int32_t k = 0; k < row.np; ++k)
+        append(row.valueAt(row.columnAt(k)), std::chars_format::fixed, 6);
     text.push_back('\n');
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }

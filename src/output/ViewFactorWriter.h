@@ -15,8 +15,8 @@
 
 namespace hemiray {
 
-void writeFileHeader(std::ostream& out, int32_t size1, int32_t size2, int32_t size3,
-                     int32_t size4, int32_t dimension, const char* headerData, bool headerFlag);
+void writeFileHeader(std::ostream& out, int32_t size1, int32_t size2, int32_t size3, int32_t size4,
+                     int32_t dimension, const char* headerData, bool headerFlag);
 void writeParameterHeader(std::ostream& out, const RunParameters& parameters);
 void writeNodeSection(std::ostream& out, int32_t coordinateCount, const NodeArray& nodes);
 void writeFaceSections(std::ostream& out, const ZoneTable& zones, const FaceSet& allFaces);

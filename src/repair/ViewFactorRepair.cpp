@@ -24,7 +24,8 @@ public:
             auto first = order_.begin() + begin, last = order_.begin() + end;
             std::iota(first, last, uint32_t{0});
             const int32_t* columns = F.columns.data() + begin;
-            std::sort(first, last, [columns](uint32_t a, uint32_t b) { return columns[a] < columns[b]; });
+            std::sort(first, last,
+                      [columns](uint32_t a, uint32_t b) { return columns[a] < columns[b]; });
         }
     }
 
@@ -33,8 +34,8 @@ public:
         const int64_t begin = F_.rowStart[row];
         const int32_t* columns = F_.columns.data() + begin;
         const auto first = order_.begin() + begin, last = order_.begin() + F_.rowStart[row + 1];
-        const auto it = std::lower_bound(first, last, column,
-                                         [columns](uint32_t a, int32_t c) { return columns[a] < c; });
+        const auto it = std::lower_bound(
+            first, last, column, [columns](uint32_t a, int32_t c) { return columns[a] < c; });
         return it != last && columns[*it] == column ? begin + *it : -1;
     }
 
@@ -53,9 +54,11 @@ private:
     std::vector<uint32_t> order_;
 };
 
-std::vector<uint8_t> globsTakingPart(const std::vector<double>& area, const std::vector<uint8_t>& active) {
+std::vector<uint8_t> globsTakingPart(const std::vector<double>& area,
+                                     const std::vector<uint8_t>& active) {
     std::vector<uint8_t> part(area.size());
-    for (size_t g = 0; g < area.size(); ++g) part[g] = active[g] && area[g] > 0 && std::isfinite(area[g]);
+    for (size_t g = 0; g < area.size(); ++g)
+        part[g] = active[g] && area[g] > 0 && std::isfinite(area[g]);
     return part;
 }
 
@@ -83,9 +86,11 @@ Residuals measure(const CsrMatrix& F, const SortedRows& sorted, const std::vecto
             const double difference = std::abs(forward - backward);
             exchanged += forward;
             unbalanced += difference;
-            r.worstReciprocity = std::max(r.worstReciprocity, difference / std::max(forward, backward));
+            r.worstReciprocity =
+                std::max(r.worstReciprocity, difference / std::max(forward, backward));
         }
-        const double closure = enclosure == Enclosure::closed ? std::abs(rowSum - 1) : std::max(0.0, rowSum - 1);
+        const double closure =
+            enclosure == Enclosure::closed ? std::abs(rowSum - 1) : std::max(0.0, rowSum - 1);
         r.worstClosure = std::max(r.worstClosure, closure);
         closureSum += area[i] * closure;
         areaSum += area[i];
@@ -99,9 +104,12 @@ Residuals measure(const CsrMatrix& F, const SortedRows& sorted, const std::vecto
 // one-sided pairs appended to their rows). Rows of globs that do not take part are
 // copied as factors.
 int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vector<double>& area,
-                   const std::vector<uint8_t>& part, const std::vector<double>& weight, CsrMatrix& S) {
+                   const std::vector<uint8_t>& part, const std::vector<double>& weight,
+                   CsrMatrix& S) {
     // The share of glob i's own estimate in S_ij.
-    auto share = [&](int32_t i, int32_t j) { return weight.empty() ? 0.5 : weight[i] / (weight[i] + weight[j]); };
+    auto share = [&](int32_t i, int32_t j) {
+        return weight.empty() ? 0.5 : weight[i] / (weight[i] + weight[j]);
+    };
     const int32_t n = F.rowCount();
     auto oneSided = [&](int32_t i, int64_t k) {
         const int32_t j = F.columns[k];
@@ -150,8 +158,9 @@ int64_t symmetrise(const CsrMatrix& F, const SortedRows& sorted, const std::vect
 // Coordinate descent on the row equations d_i (S_ii d_i + sum_j S_ij d_j) = A_i,
 // d_j = 1 for globs that do not take part. Returns the sweeps used, or -1 when the
 // tolerance was not reached.
-int32_t balance(const CsrMatrix& S, const std::vector<double>& area, const std::vector<uint8_t>& rows,
-                const std::vector<uint8_t>& part, const RepairOptions& options, std::vector<double>& d) {
+int32_t balance(const CsrMatrix& S, const std::vector<double>& area,
+                const std::vector<uint8_t>& rows, const std::vector<uint8_t>& part,
+                const RepairOptions& options, std::vector<double>& d) {
     const int32_t n = S.rowCount();
     const bool capOnly = options.enclosure == Enclosure::open;
     for (int32_t sweep = 1; sweep <= options.maxSweeps; ++sweep) {
@@ -161,13 +170,16 @@ int32_t balance(const CsrMatrix& S, const std::vector<double>& area, const std::
             double self = 0, others = 0;
             for (int64_t k = S.rowStart[i]; k < S.rowStart[i + 1]; ++k) {
                 const int32_t j = S.columns[k];
-                if (j == i) self += S.values[k];
-                else others += S.values[k] * (part[j] ? d[j] : 1.0);
+                if (j == i)
+                    self += S.values[k];
+                else
+                    others += S.values[k] * (part[j] ? d[j] : 1.0);
             }
             const double target = area[i];
             const double excess = d[i] * (self * d[i] + others) / target - 1;
             // An open row below 1 at d_i = 1 is where it should be.
-            worst = std::max(worst, capOnly && d[i] >= 1 ? std::max(excess, 0.0) : std::abs(excess));
+            worst =
+                std::max(worst, capOnly && d[i] >= 1 ? std::max(excess, 0.0) : std::abs(excess));
             // The positive root of self d^2 + others d - target, in the form that
             // does not cancel when self is small.
             double next = 2 * target / (others + std::sqrt(others * others + 4 * self * target));
@@ -181,12 +193,14 @@ int32_t balance(const CsrMatrix& S, const std::vector<double>& area, const std::
 
 }  // namespace
 
-std::vector<double> estimateWeights(const std::vector<double>& area, const std::vector<int32_t>& faces,
-                                    double factorPower, double facesPower) {
+std::vector<double> estimateWeights(const std::vector<double>& area,
+                                    const std::vector<int32_t>& faces, double factorPower,
+                                    double facesPower) {
     std::vector<double> weight(area.size(), 1.0);
     for (size_t g = 0; g < area.size(); ++g)
         if (area[g] > 0 && faces[g] > 0)
-            weight[g] = std::pow(area[g], 2 * factorPower - 2) * std::pow(double(faces[g]), 2 * facesPower);
+            weight[g] =
+                std::pow(area[g], 2 * factorPower - 2) * std::pow(double(faces[g]), 2 * facesPower);
     return weight;
 }
 
@@ -199,7 +213,8 @@ bool validateMatrix(const CsrMatrix& F, const std::vector<double>& area,
     }
     if (n > size_t(INT32_MAX) - 1 || F.rowStart.front() != 0 ||
         F.rowStart.back() != static_cast<int64_t>(F.columns.size()) ||
-        F.values.size() != F.columns.size() || !std::is_sorted(F.rowStart.begin(), F.rowStart.end())) {
+        F.values.size() != F.columns.size() ||
+        !std::is_sorted(F.rowStart.begin(), F.rowStart.end())) {
         error = "row offsets do not run from 0 to the number of entries";
         return false;
     }
@@ -231,7 +246,8 @@ std::vector<int64_t> reverseEntries(const CsrMatrix& F) {
     const SortedRows sorted(F);
     std::vector<int64_t> reverse(F.columns.size());
     for (int32_t i = 0; i < F.rowCount(); ++i)
-        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k) reverse[k] = sorted.find(F.columns[k], i);
+        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k)
+            reverse[k] = sorted.find(F.columns[k], i);
     return reverse;
 }
 
@@ -283,7 +299,8 @@ bool repairViewFactors(const CsrMatrix& F, const std::vector<double>& area,
             const int32_t j = repaired.columns[k];
             const double factor = d[i] * repaired.values[k] * (part[j] ? d[j] : 1.0) / area[i];
             // The row's first entries are F's own, in F's order; the rest were 0.
-            const double original = k < originalEnd ? F.values[F.rowStart[i] + (k - repaired.rowStart[i])] : 0.0;
+            const double original =
+                k < originalEnd ? F.values[F.rowStart[i] + (k - repaired.rowStart[i])] : 0.0;
             repaired.values[k] = factor;
             report.energyBefore += area[i] * original;
             report.energyAfter += area[i] * factor;

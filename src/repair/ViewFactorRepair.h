@@ -57,15 +57,16 @@ struct RepairReport {
 struct RepairOptions {
     Enclosure enclosure = Enclosure::closed;
     std::vector<double> estimateWeight;  // empty: equal shares; else one positive weight per glob
-    double tolerance = 1e-13;  // largest |row sum - target| / target at which to stop
+    double tolerance = 1e-13;            // largest |row sum - target| / target at which to stop
     int32_t maxSweeps = 20000;
 };
 
 // Weights for RepairOptions::estimateWeight when a factor F of a glob of n faces
 // is off by about C F^factorPower n^-facesPower: the energy A F then varies as
 // A^(2 - 2 factorPower) n^(-2 facesPower) at a given exchanged energy.
-std::vector<double> estimateWeights(const std::vector<double>& area, const std::vector<int32_t>& faces,
-                                    double factorPower, double facesPower);
+std::vector<double> estimateWeights(const std::vector<double>& area,
+                                    const std::vector<int32_t>& faces, double factorPower,
+                                    double facesPower);
 
 // Checks that F is a square matrix over `area.size()` globs with offsets that run
 // from 0 to the entry count, columns inside the matrix and not repeated within a

@@ -1,6 +1,7 @@
 // Geometry, result head, tree, and the parallel block loop with ordered row output.
 #include "run/ComputeAndWrite.h"
 
+#include <omp.h>
 #include <algorithm>
 #include <atomic>
 #include <charconv>
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <omp.h>
 #include <vector>
 
 #include "Hemisphere"
@@ -32,7 +32,9 @@ namespace {
 RowProgressHook rowProgressHook = nullptr;
 }  // namespace
 
-void setRowProgressHook(RowProgressHook hook) { rowProgressHook = hook; }
+void setRowProgressHook(RowProgressHook hook) {
+    rowProgressHook = hook;
+}
 
 void writeProgressFile(const std::string& name, int percent) {
     std::ofstream progress(name, std::ios::out | std::ios::trunc);
@@ -47,8 +49,9 @@ bool samplingFromEnvironment(Sampling& sampling) {
     uint64_t key = 0;
     const auto [stop, error] = std::from_chars(value, end, key);
     if (error != std::errc{} || stop != end) {
-        reportRunError("HEMIRAY_SEED must be a whole number from 0 to 18446744073709551615, not \"" +
-                       std::string(value) + "\"");
+        reportRunError(
+            "HEMIRAY_SEED must be a whole number from 0 to 18446744073709551615, not \"" +
+            std::string(value) + "\"");
         return false;
     }
     sampling = Sampling{true, key};
@@ -71,9 +74,9 @@ void reportProgress(const RunOptions& run, uint64_t start, uint64_t count) {
 
 bool sinkFailed(const RowSink& sink, RowSink::Status status) {
     if (status == RowSink::Status::Ok) return false;
-    reportRunError(std::string(status == RowSink::Status::CannotOpen ? "couldn't open"
-                                                                     : "couldn't write") +
-                   " output file: " + sink.name());
+    reportRunError(
+        std::string(status == RowSink::Status::CannotOpen ? "couldn't open" : "couldn't write") +
+        " output file: " + sink.name());
     return true;
 }
 
@@ -89,7 +92,7 @@ constexpr int64_t unitRays = 384;
 struct Window {
     int64_t first = 0;  // position of its first face in the sequence
     int64_t faces = 0;
-    UnitDeal deal;      // which part traces which units
+    UnitDeal deal;                  // which part traces which units
     std::vector<FaceFrame> frames;  // one per face, in sequence order
     std::vector<int32_t> columns;   // per face, one per direction
 };
@@ -154,7 +157,9 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     const RayTracer tracer(tree, model.participatingFaces, traceEngineFromEnvironment());
     // Every ray of the run is traced here: the nearest hit of one straight piece.
     const auto nearestHit = [&tracer](const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                                      int32_t& hitFace) { return tracer.trace(O, D, hitPoint, hitFace); };
+                                      int32_t& hitFace) {
+        return tracer.trace(O, D, hitPoint, hitFace);
+    };
 
     std::cout << "# Calculate and write view factors..." << std::endl;
     const int32_t count = static_cast<int32_t>(activeGlobs.size());
@@ -172,7 +177,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     const int32_t part = share ? share->part() : 0;
     const int64_t windowFaces =
         std::clamp<int64_t>(windowRays / std::max<int64_t>(rays, 1), 1, maxWindowFaces);
-    const int64_t unitFaces = std::max<int64_t>(1, (unitRays + rays - 1) / std::max<int64_t>(rays, 1));
+    const int64_t unitFaces =
+        std::max<int64_t>(1, (unitRays + rays - 1) / std::max<int64_t>(rays, 1));
 
     // The generators of the team that the result depends on: fresh, or those of
     // the threads that a region of numThreads gets, which go on from run to run.
@@ -257,15 +263,15 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         const double now = omp_get_wtime();
         const double busy = writing / std::max(now - iterationStart, 1e-9) / run.numThreads;
         iterationStart = now;
-        return static_cast<int32_t>(std::lround(UnitDeal::fullShare * std::clamp(1 - busy, 0.0, 1.0)));
+        return static_cast<int32_t>(
+            std::lround(UnitDeal::fullShare * std::clamp(1 - busy, 0.0, 1.0)));
     };
     if (totalFaces > 0) {
         planWindow(windows[0], false);
-#pragma omp parallel num_threads(run.numThreads) default(none)                              \
-    shared(windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, \
-               nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits,  \
-               agreedRootUnits, postedStop, totalFaces,                                       \
-               unitFaces, rays, parts, part, writes, nextFace)
+#pragma omp parallel num_threads(run.numThreads) default(none) shared(                             \
+    windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, nearestHit, \
+    addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, postedStop, \
+    totalFaces, unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
             for (int64_t w = 0;; ++w) {
@@ -298,7 +304,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     if (!share) stop = stop || writeFailed || writeError;
                     planWindow(other, stop || tracing.faces == 0 || nextFace == totalFaces);
                     other.deal.rootUnits = agreedRootUnits;
-                    if (writes && parts > 1) rootUnits = nextRootUnits(omp_get_wtime() - writeStart);
+                    if (writes && parts > 1)
+                        rootUnits = nextRootUnits(omp_get_wtime() - writeStart);
                     nextUnit[(w + 1) % 2] = 0;
                 }
                 const int64_t units = (tracing.faces + unitFaces - 1) / unitFaces;

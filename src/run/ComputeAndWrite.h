@@ -26,15 +26,15 @@ struct Sampling {
 [[nodiscard]] bool samplingFromEnvironment(Sampling& sampling);
 
 struct RunOptions {
-    int32_t slotCount = 1;         // rows per block: frames are drawn by slot
-    int32_t numThreads = 1;        // threads that trace the rays
+    int32_t slotCount = 1;   // rows per block: frames are drawn by slot
+    int32_t numThreads = 1;  // threads that trace the rays
     // Members of the team whose generators draw the frames (slot i of every block
     // draws from member i modulo the team). 0: the team the runtime grants to
     // numThreads threads, whose generators go on from where those threads left
     // them; otherwise a team of this size whose generators all start at 1, as in a
     // fresh process.
     int32_t teamSize = 0;
-    std::string progressName;      // empty: no progress file
+    std::string progressName;          // empty: no progress file
     const char* headerData = nullptr;  // text of the result's first line
     bool headerFlag = false;
     Sampling sampling;

@@ -14,8 +14,8 @@ namespace hemiray {
 namespace {
 
 int runFromHost(int binaryOutput, const char* fileName, int useOpenMP, int numThreads,
-                int readFromFile, const void* meshData, const char* headerData,
-                bool headerFlag, bool directFields, int reserved) {
+                int readFromFile, const void* meshData, const char* headerData, bool headerFlag,
+                bool directFields, int reserved) {
     if (fileName == nullptr) {
         reportRunError("no file name given");
         return 0;

@@ -1,16 +1,22 @@
 // Input selection by name and the size section that opens every mesh text.
 #include "run/InputSource.h"
 
-#include <fstream>
 #include <pstreams/pstream.h>
+#include <fstream>
 
 #include "input/SectionReader.h"
 
 namespace hemiray {
 
-bool namesGzip(const std::string& name) { return name.find(".gz") != std::string::npos; }
-bool namesCompress(const std::string& name) { return name.find(".Z") != std::string::npos; }
-bool namesHdf5(const std::string& name) { return name.find(".h5") != std::string::npos; }
+bool namesGzip(const std::string& name) {
+    return name.find(".gz") != std::string::npos;
+}
+bool namesCompress(const std::string& name) {
+    return name.find(".Z") != std::string::npos;
+}
+bool namesHdf5(const std::string& name) {
+    return name.find(".h5") != std::string::npos;
+}
 
 namespace {
 

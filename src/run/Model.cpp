@@ -64,8 +64,8 @@ bool checkDimensionAndResolution(int32_t dimension, const RunParameters& paramet
     const int32_t resolution = parameters.hemisphereResolution;
     const int64_t largest = largestHemisphereResolution(dimension);
     if (resolution < 0 || resolution > largest) {
-        reportRunError("hemisphere resolution " + std::to_string(resolution) +
-                       " is outside 0 to " + std::to_string(largest));
+        reportRunError("hemisphere resolution " + std::to_string(resolution) + " is outside 0 to " +
+                       std::to_string(largest));
         return false;
     }
     return true;
@@ -96,7 +96,8 @@ std::unique_ptr<Model> readBlockModel(const void* meshData, bool directFields) {
     }
     // The head is checked against the block's length before anything else is read
     // from it; a bad block ends the process like bad mesh text.
-    const MeshBlockView block = directFields ? openDirectBlock(meshData) : openPackedBlock(meshData);
+    const MeshBlockView block =
+        directFields ? openDirectBlock(meshData) : openPackedBlock(meshData);
     RunParameters parameters;
     // Both families carry the host's 64-byte parameter block at the same place.
     copyParameterBlock(block.parameters, parameters);
@@ -105,8 +106,8 @@ std::unique_ptr<Model> readBlockModel(const void* meshData, bool directFields) {
                             block.dimension};
     auto model = std::make_unique<Model>(sizes, block.dimension);
     model->parameters = parameters;
-    readBlockMesh(block, block.dimension, model->nodes, model->allFaces,
-                  model->participatingFaces, model->zones);
+    readBlockMesh(block, block.dimension, model->nodes, model->allFaces, model->participatingFaces,
+                  model->zones);
     return model;
 }
 
@@ -115,8 +116,7 @@ bool checkModel(const Model& model) {
     const int32_t faceCount = model.allFaces.faceCount();
     if (globCount < 0 || (globCount > faceCount && globCount > globCountAllowance)) {
         reportRunError("glob count " + std::to_string(globCount) +
-                       " in the size section does not fit " + std::to_string(faceCount) +
-                       " faces");
+                       " in the size section does not fit " + std::to_string(faceCount) + " faces");
         return false;
     }
     checkScoringGlobs(model.participatingFaces, globCount);

@@ -1,12 +1,12 @@
 // Plain and gzip result files, written beside the target and moved over it at the end.
 #include "run/OutputSink.h"
 
-#include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <pstreams/pstream.h>
 #include <pthread.h>
 #include <sys/wait.h>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
 
 #include "output/ReplacementFile.h"
 #include "run/InputSource.h"
@@ -70,7 +70,9 @@ OutputSink::~OutputSink() {
     if (!committed_ && !partial_.empty()) removePartialFile(partial_);
 }
 
-bool OutputSink::ok() const { return stream_ && !stream_->fail(); }
+bool OutputSink::ok() const {
+    return stream_ && !stream_->fail();
+}
 
 bool OutputSink::commit() {
     if (!stream_) return false;

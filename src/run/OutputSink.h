@@ -29,8 +29,8 @@ public:
 private:
     struct PipeSignalGuard;
 
-    std::string target_;  // the file the result replaces (symbolic links resolved)
-    std::string partial_; // where it is written first
+    std::string target_;   // the file the result replaces (symbolic links resolved)
+    std::string partial_;  // where it is written first
     std::unique_ptr<PipeSignalGuard> signalGuard_;
     std::unique_ptr<std::ostream> stream_;
     bool isPipe_ = false;

@@ -2,9 +2,9 @@
 // compute-and-write phase and the timing lines.
 #include "run/RunDriver.h"
 
+#include <omp.h>
 #include <ctime>
 #include <iostream>
-#include <omp.h>
 
 #include "output/RowSink.h"
 #include "run/ComputeAndWrite.h"
@@ -28,8 +28,9 @@ bool calculateViewFactors(std::unique_ptr<std::istream> input, const std::string
     options.headerFlag = headerFlag;
     options.slotCount = useOpenMP ? omp_get_max_threads() : 1;
     if (useOpenMP && options.slotCount > 1)
-        std::cout << "# Using OpenMP with " << options.slotCount << " process" << "es" << "..."
-                  << std::endl;
+        std::cout << "# Using OpenMP with " << options.slotCount << " process"
+                  << "es"
+                  << "..." << std::endl;
 
     if (!samplingFromEnvironment(options.sampling)) return false;
 

@@ -13,8 +13,12 @@ void reportRunError(const std::string& message) {
     std::cerr << "error: " << message << std::endl;
 }
 
-const std::string& lastRunError() { return lastMessage; }
+const std::string& lastRunError() {
+    return lastMessage;
+}
 
-void clearRunError() { lastMessage.clear(); }
+void clearRunError() {
+    lastMessage.clear();
+}
 
 }  // namespace hemiray

@@ -24,7 +24,9 @@ int threadRandom() {
     return static_cast<int>((randomState >> 16) & 0x7fffu);
 }
 
-uint32_t threadRandomState() { return randomState; }
+uint32_t threadRandomState() {
+    return randomState;
+}
 
 void normaliseRow(SparseRowVector& row, double globArea) {
     for (int k = 0; k < row.np; ++k) {
@@ -33,7 +35,9 @@ void normaliseRow(SparseRowVector& row, double globArea) {
     }
 }
 
-void setThreadRandomState(uint32_t state) { randomState = state; }
+void setThreadRandomState(uint32_t state) {
+    randomState = state;
+}
 
 void buildTangentFrame(int32_t dimension, const Vec3& n, Vec3& t1, Vec3& t2) {
     if (dimension == 1 || dimension == 2) {
@@ -80,16 +84,14 @@ void computeRowThrough(int32_t glob, int32_t dimension, const Hemisphere& hemisp
 }  // namespace
 
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs,
-                          const ZoneTable& zones, const TraversalTree& tree,
-                          SparseRowVector& row) {
+                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                          const TraversalTree& tree, SparseRowVector& row) {
     computeRowThrough(glob, dimension, hemisphere, faces, globs, zones, tree, row);
 }
 
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs,
-                          const ZoneTable& zones, const RayTracer& tracer,
-                          SparseRowVector& row) {
+                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                          const RayTracer& tracer, SparseRowVector& row) {
     computeRowThrough(glob, dimension, hemisphere, faces, globs, zones, tracer, row);
 }
 

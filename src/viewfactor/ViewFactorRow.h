@@ -108,12 +108,16 @@ FaceFrame faceFrame(int32_t dimension, const FaceSet& faces, int32_t face, Unifo
     f.area = norm(areaVector);
     f.n = Vec3(areaVector[0] / f.area, areaVector[1] / f.area, areaVector[2] / f.area);
     f.origin = faces.faceCentroid[face];
-    if (dimension == 1 || dimension == 2) buildTangentFrame(dimension, f.n, f.t1, f.t2);
-    else drawTangentFrame(f.n, f.t1, f.t2, uniform);
+    if (dimension == 1 || dimension == 2)
+        buildTangentFrame(dimension, f.n, f.t1, f.t2);
+    else
+        drawTangentFrame(f.n, f.t1, f.t2, uniform);
     return f;
 }
 
-inline bool emits(const FaceFrame& f) { return f.area > 0; }
+inline bool emits(const FaceFrame& f) {
+    return f.area > 0;
+}
 
 // Direction k of the hemisphere in a face's frame.
 inline Vec3 rayDirection(const FaceFrame& f, const Hemisphere& hemisphere, int k) {
@@ -218,8 +222,8 @@ void computeRowWith(int32_t glob, int32_t dimension, const Hemisphere& hemispher
         // normal and centroid are 0/0, so its rays are not traced at all.
         if (!emits(frame)) continue;
         for (int k = 0; k < hemisphere.size_; ++k) {
-            const int32_t column =
-                followRay(frame.origin, rayDirection(frame, hemisphere, k), faces, zones, trace, rotation);
+            const int32_t column = followRay(frame.origin, rayDirection(frame, hemisphere, k),
+                                             faces, zones, trace, rotation);
             if (column != noColumn) row.add(column, hemisphere.weight(k) * frame.area);
         }
     }

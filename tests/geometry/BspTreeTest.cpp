@@ -10,8 +10,8 @@
 #include <limits>
 #include <sstream>
 
-#include "models/RandomMeshes.h"
 #include "geometry/BspTree.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {
@@ -51,7 +51,8 @@ std::vector<int32_t> faceListOf(const BspNode& node) {
 // The nodes of face f.
 std::vector<Vec3> cornersOf(const Mesh& mesh, int32_t f) {
     std::vector<Vec3> corners;
-    for (int32_t k = mesh.faces.faceNodeStart[size_t(f)]; k < mesh.faces.faceNodeStart[size_t(f) + 1]; ++k)
+    for (int32_t k = mesh.faces.faceNodeStart[size_t(f)];
+         k < mesh.faces.faceNodeStart[size_t(f) + 1]; ++k)
         corners.push_back(mesh.nodes[size_t(mesh.faces.faceNodes[size_t(k)])]);
     return corners;
 }
@@ -61,8 +62,8 @@ TEST(BspTree, DepthLineGrowsWithTheLogarithmOfTheFaceCount) {
     // 10 -> 3.99 -> 5, 1 -> 0 -> 2; there is no logarithm of 0. Ten faces or fewer
     // stay one leaf, in index order.
     const std::pair<int, const char*> cases[] = {
-        {1000, "# Maximum tree depth = 13\n"}, {11, "# Maximum tree depth = 6\n"},
-        {10, "# Maximum tree depth = 5\n"},    {1, "# Maximum tree depth = 2\n"},
+        {1000, "# Maximum tree depth = 13\n"},       {11, "# Maximum tree depth = 6\n"},
+        {10, "# Maximum tree depth = 5\n"},          {1, "# Maximum tree depth = 2\n"},
         {0, "# Maximum tree depth = -2147483646\n"},
     };
     for (const auto& [count, line] : cases) {
@@ -182,7 +183,8 @@ TEST_P(BspTreeInvariants, LeavesHoldExactlyTheFacesTheirBoxesReach) {
             // The face's node box meets the leaf's (closed) box.
             for (int a = 0; a < axes; ++a) {
                 double lo = std::numeric_limits<double>::max(), hi = -lo;
-                for (const Vec3& p : corners[size_t(f)]) lo = std::min(lo, p[a]), hi = std::max(hi, p[a]);
+                for (const Vec3& p : corners[size_t(f)])
+                    lo = std::min(lo, p[a]), hi = std::max(hi, p[a]);
                 EXPECT_LE(lo, node.boxMax[a]);
                 EXPECT_GE(hi, node.boxMin[a]);
             }

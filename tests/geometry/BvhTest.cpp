@@ -19,7 +19,9 @@ struct TracerCase {
     double offset;  // added to every coordinate
 };
 
-void PrintTo(const TracerCase& c, std::ostream* os) { *os << meshes::nameOf(c.kind) << " +" << c.offset; }
+void PrintTo(const TracerCase& c, std::ostream* os) {
+    *os << meshes::nameOf(c.kind) << " +" << c.offset;
+}
 
 class BvhTracer : public ::testing::TestWithParam<TracerCase> {};
 
@@ -30,7 +32,8 @@ class BvhTracer : public ::testing::TestWithParam<TracerCase> {};
 // periodic steps do.
 TEST_P(BvhTracer, ReturnsTheWalksHits) {
     const auto mesh = meshes::withFaceCount(GetParam().kind, 3000, 11);
-    for (Vec3& p : mesh->nodes) p = p + Vec3(GetParam().offset, GetParam().offset, GetParam().offset);
+    for (Vec3& p : mesh->nodes)
+        p = p + Vec3(GetParam().offset, GetParam().offset, GetParam().offset);
     auto rays = meshes::randomRays(*mesh, 20000, 5);  // before the zero-area faces come
     const auto addFace = [&](std::initializer_list<Vec3> points) {
         std::vector<int32_t> ids;
@@ -43,16 +46,21 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
     std::streambuf* console = std::cout.rdbuf(nullptr);
     const TraversalTree probe(BspNode(3, &view, true));
     const Vec3 lo = probe.boxMin(), hi = probe.boxMax();
-    const double xHalf = (hi[0] + lo[0]) * 0.5, xQuarter = (xHalf + lo[0]) * 0.5, yHalf = (hi[1] + lo[1]) * 0.5;
+    const double xHalf = (hi[0] + lo[0]) * 0.5, xQuarter = (xHalf + lo[0]) * 0.5,
+                 yHalf = (hi[1] + lo[1]) * 0.5;
     const Vec3 c = (lo + hi) * 0.5;
     for (const double x : {xHalf, xQuarter})
-        addFace({Vec3(x, c[1] - 0.1, c[2] - 0.1), Vec3(x, c[1] + 0.1, c[2] - 0.1), Vec3(x, c[1] + 0.1, c[2] + 0.1),
-                 Vec3(x, c[1] - 0.1, c[2] + 0.1), Vec3(x, c[1] - 0.15, c[2])});
-    addFace({Vec3(c[0], yHalf, c[2]), Vec3(c[0] + 0.2, yHalf, c[2]), Vec3(c[0], yHalf, c[2] + 0.2)});
-    for (int k = 0; k < 2; ++k) addFace({mesh->nodes[0], mesh->nodes[1], mesh->nodes[2]});  // a tie pair
+        addFace({Vec3(x, c[1] - 0.1, c[2] - 0.1), Vec3(x, c[1] + 0.1, c[2] - 0.1),
+                 Vec3(x, c[1] + 0.1, c[2] + 0.1), Vec3(x, c[1] - 0.1, c[2] + 0.1),
+                 Vec3(x, c[1] - 0.15, c[2])});
+    addFace(
+        {Vec3(c[0], yHalf, c[2]), Vec3(c[0] + 0.2, yHalf, c[2]), Vec3(c[0], yHalf, c[2] + 0.2)});
+    for (int k = 0; k < 2; ++k)
+        addFace({mesh->nodes[0], mesh->nodes[1], mesh->nodes[2]});   // a tie pair
     addFace({c, c + Vec3(0.1, 0.1, 0.1), c + Vec3(0.2, 0.2, 0.2)});  // collinear: zero area
     addFace({c, c, c + Vec3(0, 0.1, 0.3)});
-    addFace({c + Vec3(0.3, 0, 0), c + Vec3(0.5, 0, 0.06), c + Vec3(0.5, 0.2, 0), c + Vec3(0.3, 0.2, 0.05)});  // warped
+    addFace({c + Vec3(0.3, 0, 0), c + Vec3(0.5, 0, 0.06), c + Vec3(0.5, 0.2, 0),
+             c + Vec3(0.3, 0.2, 0.05)});  // warped
     computeFaceGeometry(mesh->faces);
     const TraversalTree tree(BspNode(3, &view, true));
     std::cout.rdbuf(console);
@@ -62,8 +70,10 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
     meshes::Rng rng(3);
     for (int k = 0; k < 2000; ++k) {
         const Vec3 d = meshes::randomUnit(rng, false);
-        rays.push_back({Vec3(k % 2 ? xHalf : xQuarter, c[1] + meshes::uniform(rng, -0.3, 0.3), c[2]), d});
-        const Vec3 node = mesh->nodes[static_cast<size_t>(meshes::uniform(rng, 0, static_cast<double>(mesh->nodes.size())))];
+        rays.push_back(
+            {Vec3(k % 2 ? xHalf : xQuarter, c[1] + meshes::uniform(rng, -0.3, 0.3), c[2]), d});
+        const Vec3 node = mesh->nodes[static_cast<size_t>(
+            meshes::uniform(rng, 0, static_cast<double>(mesh->nodes.size())))];
         rays.push_back({c, node - c});
     }
     uint64_t fallbacks = 0, hits = 0;
@@ -72,7 +82,9 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
         Vec3 expected, actual;
         int32_t expectedFace = -1, actualFace = -1;
         const bool expectedHit = tree.trace(ray.origin, ray.direction, expected, expectedFace);
-        ASSERT_EQ(tracer.trace(ray.origin, ray.direction, actual, actualFace, fallbacks), expectedHit) << i;
+        ASSERT_EQ(tracer.trace(ray.origin, ray.direction, actual, actualFace, fallbacks),
+                  expectedHit)
+            << i;
         if (!expectedHit) continue;
         ++hits;
         ASSERT_EQ(actualFace, expectedFace) << i;
@@ -87,7 +99,8 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Meshes, BvhTracer,
-                         ::testing::Values(TracerCase{meshes::Kind::Triangles, 0}, TracerCase{meshes::Kind::Quads, 0},
+                         ::testing::Values(TracerCase{meshes::Kind::Triangles, 0},
+                                           TracerCase{meshes::Kind::Quads, 0},
                                            TracerCase{meshes::Kind::Triangles, 1e3},
                                            TracerCase{meshes::Kind::Quads, 1e6}));
 
@@ -102,12 +115,14 @@ TEST(PolygonGroup, EveryLaneIsTheScalarTest) {
         Lanes4 group[16];
         int hits = 0;
         for (meshes::Ray ray : meshes::randomRays(*mesh, 20000, 8)) {
-            const auto first = static_cast<int32_t>(meshes::uniform(rng, 0, mesh->faces.faceCount() - 4));
+            const auto first =
+                static_cast<int32_t>(meshes::uniform(rng, 0, mesh->faces.faceCount() - 4));
             const int32_t face[4] = {first, first + 1, first + 2, first + 3};
             Vec3 target, normal;
             meshes::pointOnFace(*mesh, first, rng, target, normal);
             if (meshes::uniform(rng, 0, 1) < 0.3)
-                target = mesh->nodes[static_cast<size_t>(mesh->faces.faceNodes[static_cast<size_t>(mesh->faces.faceNodeStart[static_cast<size_t>(first)])])];
+                target = mesh->nodes[static_cast<size_t>(mesh->faces.faceNodes[static_cast<size_t>(
+                    mesh->faces.faceNodeStart[static_cast<size_t>(first)])])];
             ray.direction = target - ray.origin;
             const int count = 1 + static_cast<int>(meshes::uniform(rng, 0, 4));
             packPolygonGroup(mesh->faces, face, count, corners, group);
@@ -116,10 +131,16 @@ TEST(PolygonGroup, EveryLaneIsTheScalarTest) {
                 unsigned expected = 0;
                 double t[4] = {}, tLane[4] = {}, tWide[4] = {};
                 for (int k = 0; k < count; ++k)
-                    if (intersectPolygon(mesh->faces, face[k], ray.origin, ray.direction, 0, limit, t[k])) expected |= 1u << k;
-                const unsigned lanes = testPolygonGroupSse2(group, corners, ray.origin, ray.direction, limit, tLane);
+                    if (intersectPolygon(mesh->faces, face[k], ray.origin, ray.direction, 0, limit,
+                                         t[k]))
+                        expected |= 1u << k;
+                const unsigned lanes =
+                    testPolygonGroupSse2(group, corners, ray.origin, ray.direction, limit, tLane);
                 std::memcpy(tWide, tLane, sizeof tWide);
-                const unsigned wide = cpuHasAvx2() ? testPolygonGroupAvx2(group, corners, ray.origin, ray.direction, limit, tWide) : lanes;
+                const unsigned wide = cpuHasAvx2()
+                                          ? testPolygonGroupAvx2(group, corners, ray.origin,
+                                                                 ray.direction, limit, tWide)
+                                          : lanes;
                 ASSERT_EQ(lanes, expected);
                 ASSERT_EQ(wide, expected);
                 for (int k = 0; k < count; ++k) {

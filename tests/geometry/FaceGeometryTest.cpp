@@ -4,8 +4,8 @@
 
 #include <cmath>
 
-#include "models/RandomMeshes.h"
 #include "geometry/FaceGeometry.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {
@@ -34,7 +34,8 @@ TEST(FaceGeometry, PolygonAreaVectorAndCentroidAnywhereInSpace) {
     Mesh mesh(Kind::Quads);
     for (int i = 0; i < 6; ++i) mesh.addNode({lx[i], ly[i], 0});
     for (int i = 0; i < 6; ++i) mesh.addNode(rotation.apply({lx[i], ly[i], 0}) + shift);
-    for (const Vec3& p : {Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(1, 1, 0), Vec3(0, 1, 0)}) mesh.addNode(p);
+    for (const Vec3& p : {Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(1, 1, 0), Vec3(0, 1, 0)})
+        mesh.addNode(p);
     mesh.addFace({0, 1, 2, 3, 4, 5});
     mesh.addFace({6, 7, 8, 9, 10, 11});
     mesh.addFace({12, 13, 14, 15});

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <vector>
 
-#include "models/RandomMeshes.h"
 #include "geometry/GlobCentroids.h"
+#include "models/RandomMeshes.h"
 
 namespace hemiray {
 namespace {
@@ -45,19 +45,22 @@ TEST(GlobCentroids, CurvedGlobsMoveOntoTheirOwnSurface) {
         // 1): centroid (4/3, 1/2, 1/6), N = (-1, 0, 2). Along N the floor is behind the
         // ray; against N it is reached at t = 1/12.
         {"inside corner",
-         {{{{0, 0, 0}, {2, 0, 0}, {2, 1, 0}, {0, 1, 0}}}, {{{2, 0, 0}, {2, 0, 1}, {2, 1, 1}, {2, 1, 0}}}},
+         {{{{0, 0, 0}, {2, 0, 0}, {2, 1, 0}, {0, 1, 0}}},
+          {{{2, 0, 0}, {2, 0, 1}, {2, 1, 1}, {2, 1, 0}}}},
          {-1, 0, 2},
          {17.0 / 12, 0.5, 0}},
         // A floor of area 1 facing up under a ceiling of area 2 facing down: N = (0, 0,
         // -1), centroid (2.5/3, 1/2, 2/3); along N the floor is reached at t = 2/3.
         {"facing plates",
-         {{{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}}}, {{{0, 0, 1}, {0, 1, 1}, {2, 1, 1}, {2, 0, 1}}}},
+         {{{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}}},
+          {{{0, 0, 1}, {0, 1, 1}, {2, 1, 1}, {2, 0, 1}}}},
          {0, 0, -1},
          {2.5 / 3, 0.5, 0}},
         // A roof ridge along y, area vectors (-1, 0, 1) and (1, 0, 2): the centroid
         // lies under the roof, meets the faces from behind going up, and stays.
         {"roof",
-         {{{{0, 0, 0}, {1, 0, 1}, {1, 1, 1}, {0, 1, 0}}}, {{{1, 0, 1}, {3, 0, 0}, {3, 1, 0}, {1, 1, 1}}}},
+         {{{{0, 0, 0}, {1, 0, 1}, {1, 1, 1}, {0, 1, 0}}},
+          {{{1, 0, 1}, {3, 0, 0}, {3, 1, 0}, {1, 1, 1}}}},
          {0, 0, 3},
          {(w0 * 0.5 + w1 * 2.0) / (w0 + w1), 0.5, 0.5}},
         // Two coplanar quads of areas 1 and 3 facing down: a flat glob keeps the

@@ -8,10 +8,10 @@
 #include <cmath>
 #include <limits>
 
-#include "models/QuietTree.h"
-#include "models/RandomMeshes.h"
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
+#include "models/QuietTree.h"
+#include "models/RandomMeshes.h"
 #include "support/RecursiveTraversal.h"
 
 namespace hemiray {
@@ -32,8 +32,8 @@ double hitAt(const Mesh& mesh, int32_t face, const Vec3& O, const Vec3& D, doubl
 
 // The traversal of the node tree and of its flat tracing copy, which must agree,
 // outputs left alone on a miss included.
-bool traverseBoth(const BspNode& root, const Vec3& O, const Vec3& D, Vec3& point,
-                  int32_t& face, double tmin, double tmax) {
+bool traverseBoth(const BspNode& root, const Vec3& O, const Vec3& D, Vec3& point, int32_t& face,
+                  double tmin, double tmax) {
     Vec3 flatPoint = point;
     int32_t flatFace = face;
     const bool flatHit = TraversalTree(root).traverse(O, D, flatPoint, flatFace, tmin, tmax);
@@ -160,16 +160,17 @@ TEST(IntersectFace, ConesAreHitOnTheirFacingSide) {
     // facing outwards; 2: a steep cone (0, 1) -> (0.5, 2), r = 1 + 2x, facing (1,
     // -0.5); 3: the annulus x = 1, r from 0.5 to 1, facing +x; 4: a disc through the
     // axis at x = 0.
-    const auto m = profile({{0, 1, 2, 1}, {2, 1, 0, 1}, {0, 1, 0.5, 2}, {1, 0.5, 1, 1}, {0, 0, 0, 1}});
+    const auto m =
+        profile({{0, 1, 2, 1}, {2, 1, 0, 1}, {0, 1, 0.5, 2}, {1, 0.5, 1, 1}, {0, 0, 0, 1}});
     EXPECT_DOUBLE_EQ(hitAt(*m, 0, {1, 0, 0}, {0, 1, 0}), 1);
     EXPECT_DOUBLE_EQ(hitAt(*m, 0, {1, 0, 0}, {0, -0.6, 0.8}), 1);
     EXPECT_DOUBLE_EQ(hitAt(*m, 0, {1, 0, 0}, {0, 1, 1}), std::sqrt(0.5));
     EXPECT_DOUBLE_EQ(hitAt(*m, 0, {0.5, 0.3, 0.4}, {1, 0.3, 0.4}), 1);  // r = 0.5 + 0.5 t
-    EXPECT_DOUBLE_EQ(hitAt(*m, 0, {0, 0, 0}, {0, 1, 0}), 1);  // both ends belong to it
+    EXPECT_DOUBLE_EQ(hitAt(*m, 0, {0, 0, 0}, {0, 1, 0}), 1);            // both ends belong to it
     EXPECT_DOUBLE_EQ(hitAt(*m, 0, {2, 0, 0}, {0, 0, 1}), 1);
     EXPECT_EQ(hitAt(*m, 0, {2.000001, 0, 0}, {0, 0, 1}), miss);
     EXPECT_EQ(hitAt(*m, 0, {1.5, 0.3, 0.4}, {1.5, 0.3, 0.4}), miss);  // at x = 3
-    EXPECT_EQ(hitAt(*m, 0, {1, 0.2, 0}, {1, 0, 0}), miss);  // along the axis: no crossing
+    EXPECT_EQ(hitAt(*m, 0, {1, 0.2, 0}, {1, 0, 0}), miss);            // along the axis: no crossing
     // From outside at (1, 3, 0) towards the axis the ray crosses at t = 2 (y = 1) and
     // t = 4 (y = -1). The larger root is tried first: facing the axis the far crossing
     // is the hit; with it cut off, the near one faces away. Facing outwards, the near
@@ -235,9 +236,9 @@ TEST(ClipToRootBox, SlabsAndTheAxisymmetricCylinderGiveTheEntryAndExit) {
         {Kind::Quads, {0, 0, 0}, {1, 0, 0}, true, -1, 1},
         {Kind::Quads, {-5, 0, 0}, {2, 0.5, 0}, true, 2, 3},
         {Kind::Quads, {0, 0, 0}, {0, 0, -0.5}, true, -6, 6},
-        {Kind::Quads, {5, 0, 0}, {1, 0, 0}, false, 0, 0},    // behind
-        {Kind::Quads, {0, 2.5, 0}, {1, 0, 1}, false, 0, 0},  // parallel, outside
-        {Kind::Quads, {-5, 0, 0}, {1, 1, 0}, false, 0, 0},   // passes by
+        {Kind::Quads, {5, 0, 0}, {1, 0, 0}, false, 0, 0},             // behind
+        {Kind::Quads, {0, 2.5, 0}, {1, 0, 1}, false, 0, 0},           // parallel, outside
+        {Kind::Quads, {-5, 0, 0}, {1, 1, 0}, false, 0, 0},            // passes by
         {Kind::Axisymmetric, {1, 0.1, 0.2}, {1, 0, 0}, true, -1, 3},  // the x slab only
         {Kind::Axisymmetric, {1, 0, 0}, {0, 0.6, 0.8}, true, -1, 1},  // the cylinder
         // Parallel to the axis outside the radius: the cylinder neither clips nor
@@ -256,8 +257,10 @@ TEST(ClipToRootBox, SlabsAndTheAxisymmetricCylinderGiveTheEntryAndExit) {
         // The node tree's clip and the flat copy's, which the runs use.
         for (const bool flat : {false, true}) {
             double tEnter = 0, tExit = 0;
-            const bool ok = flat ? (c.kind == Kind::Quads ? flat3d : flatAxi).clip(c.O, c.D, tEnter, tExit)
-                                 : clipToRootBox(c.kind == Kind::Quads ? root3d : rootAxi, c.O, c.D, tEnter, tExit);
+            const bool ok =
+                flat ? (c.kind == Kind::Quads ? flat3d : flatAxi).clip(c.O, c.D, tEnter, tExit)
+                     : clipToRootBox(c.kind == Kind::Quads ? root3d : rootAxi, c.O, c.D, tEnter,
+                                     tExit);
             ASSERT_EQ(ok, c.ok) << (flat ? "flat copy" : "node tree");
             if (!c.ok) continue;
             EXPECT_DOUBLE_EQ(tEnter, c.tEnter);

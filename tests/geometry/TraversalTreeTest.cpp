@@ -16,16 +16,18 @@
 
 #include "geometry/RayTraversal.h"
 #include "geometry/TraversalTree.h"
-#include "support/RecursiveTraversal.h"
 #include "models/QuietTree.h"
 #include "models/RandomMeshes.h"
+#include "support/RecursiveTraversal.h"
 
 namespace hemiray {
 namespace {
 
 using meshes::Kind;
 
-bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool sameBits(double a, double b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
 bool sameBits(const Vec3& a, const Vec3& b) {
     return sameBits(a[0], b[0]) && sameBits(a[1], b[1]) && sameBits(a[2], b[2]);
 }
@@ -89,7 +91,8 @@ void expectSameAnswers(const BspNode& root, const TraversalTree& flat,
         for (const auto& [tmin, tmax] : intervals) {
             const Answer expected = reference(root, O, D, tmin, tmax);
             const Answer actual = flatAnswer(flat, O, D, tmin, tmax);
-            ASSERT_EQ(actual.hit, expected.hit) << "ray " << i << " [" << tmin << ", " << tmax << "]";
+            ASSERT_EQ(actual.hit, expected.hit)
+                << "ray " << i << " [" << tmin << ", " << tmax << "]";
             if (!expected.hit) continue;
             ++hits;
             ASSERT_EQ(actual.face, expected.face) << "ray " << i;
@@ -226,7 +229,8 @@ TEST(FlatCopyMixedFaces, PolygonsWithAndWithoutRecords) {
     const TraversalTree flat(*root);
     meshes::Rng rng(1);
     std::vector<meshes::Ray> rays;
-    for (int i = 0; i < 2000; ++i) rays.push_back({meshes::interiorPoint(mixed, rng), meshes::randomUnit(rng, false)});
+    for (int i = 0; i < 2000; ++i)
+        rays.push_back({meshes::interiorPoint(mixed, rng), meshes::randomUnit(rng, false)});
     int hits = 0;
     expectSameAnswers(*root, flat, rays, rng, hits);
     EXPECT_GT(hits, 2000);
@@ -267,7 +271,8 @@ TEST(FlatCopyConeEnds, RaysAtSegmentEndsAnswerAsTheTree) {
     const FaceSet& faces = mesh->faces;
     for (int32_t f = 0; f < faces.faceCount(); ++f)
         for (int k = 0; k < 2; ++k) {
-            const Vec3& end = mesh->nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(faces.faceNodeStart[f] + k)])];
+            const Vec3& end = mesh->nodes[static_cast<size_t>(
+                faces.faceNodes[static_cast<size_t>(faces.faceNodeStart[f] + k)])];
             for (const double nudge : {0.0, 4e-16, -4e-16, 3e-15, -3e-15}) {
                 const double phi = meshes::uniform(rng, 0, 2 * std::numbers::pi);
                 const double r = end[1] * (1 + nudge);

@@ -6,14 +6,14 @@
 // passing unnoticed.
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <iomanip>
 #include <random>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <vector>
 
 #include "MeshFixture.h"
@@ -144,9 +144,9 @@ void expectBlockMatchesText(const std::string& text) {
         SCOPED_TRACE(direct ? "direct" : "packed");
         test::Mesh mesh(sizes.dimension);
         RunParameters fromBlock;
-        readWholeBlock(direct ? directBlockOver(packed).data
-                              : asBytes(packed.data(), packed.size()).data,
-                       direct, mesh, fromBlock);
+        readWholeBlock(
+            direct ? directBlockOver(packed).data : asBytes(packed.data(), packed.size()).data,
+            direct, mesh, fromBlock);
         test::expectSameMesh(mesh, fromText);
         EXPECT_EQ(test::fields(fromBlock), test::fields(parameters));
     }
@@ -158,7 +158,9 @@ TEST(MeshBlock, PackedSampleHasTheDocumentedBytes) {
     ASSERT_EQ(block.data.size(), samplePackedBytes);
     for (size_t k = 0; k < block.data.size(); ++k)
         dump << std::hex << std::setfill('0') << std::setw(2) << int{block.data[k]}
-             << (k % 32 == 31 ? "\n" : k % 4 == 3 ? " " : "");
+             << (k % 32 == 31 ? "\n"
+                 : k % 4 == 3 ? " "
+                              : "");
     EXPECT_EQ(dump.str() + "\n", testing::readFile(testing::goldenPath("sample-block.hex")));
 }
 
@@ -247,10 +249,16 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
         {true, "mesh block tag is unknown", [](Bytes& b) { b.patchI32(atTag, 0x12345678); }},
         {false, "mesh block reserved field is not 0", [](Bytes& b) { b.patchI32(atReserved, 1); }},
         {false, overrun,
-         [](Bytes& b) { b.patchU64(atTotalBytes, samplePackedBytes - 1); b.data.pop_back(); }},
+         [](Bytes& b) {
+             b.patchU64(atTotalBytes, samplePackedBytes - 1);
+             b.data.pop_back();
+         }},
         {false, overrun, [](Bytes& b) { b.patchU64(atTotalBytes, 100); }},  // shorter than the head
         {false, longer,
-         [](Bytes& b) { b.patchU64(atTotalBytes, samplePackedBytes + 4); b.grow(4); }},
+         [](Bytes& b) {
+             b.patchU64(atTotalBytes, samplePackedBytes + 4);
+             b.grow(4);
+         }},
         {false, "",
          [](Bytes& b) {
              b.data.resize(120);
@@ -259,15 +267,22 @@ TEST(MeshBlockDeathTest, DamagedBlocksEndTheProcessWithTheirMessage) {
          }},
         // A direct block's length is that of its own head.
         {true, overrun, [](Bytes& b) { b.patchU64(atTotalBytes, 160); }},
-        {true, longer, [](Bytes& b) { b.patchU64(atTotalBytes, 176); b.grow(8); }},
+        {true, longer,
+         [](Bytes& b) {
+             b.patchU64(atTotalBytes, 176);
+             b.grow(8);
+         }},
         // Without elements an array may be null.
-        {true, "", [](Bytes& b) { b.patchI32(112, 0); b.patchU64(128, 0); }},
+        {true, "",
+         [](Bytes& b) {
+             b.patchI32(112, 0);
+             b.patchU64(128, 0);
+         }},
         {false, "element type not supported", [](Bytes& b) { b.patchI32(atZones + 16, 1); }},
         {false, "element type not supported", [](Bytes& b) { b.patchI32(atZones + 36, 6); }},
         // Zone 7 spans faces 4 to 6, three where the block has two left; or one face,
         // and the last face is left over.
-        {false, "zone faces overrun the face count",
-         [](Bytes& b) { b.patchI32(atZones + 48, 6); }},
+        {false, "zone faces overrun the face count", [](Bytes& b) { b.patchI32(atZones + 48, 6); }},
         {false, "zone faces fall short of the face count",
          [](Bytes& b) { b.patchI32(atZones + 48, 4); }},
         {false, "face node count is negative",

@@ -110,8 +110,9 @@ TEST(FaceSection, RepeatedZoneIdTakesTheFirstZoneIndex) {
 
 TEST(GlobSection, NumbersOnlyTheNamedZonesFaces) {
     Mesh mesh;
-    mesh.read("(311 (1 1 2 3 2)(1 2 2 3))(311 (2 1 3 3 2)(3 4 4 5 5 6))(311 (3 2 1 3 2)())"
-              "(309 (2 0 0 0 0 (x))(7 -1 12 (y) 5) tail)(309 (3 0 0 0 0)())");
+    mesh.read(
+        "(311 (1 1 2 3 2)(1 2 2 3))(311 (2 1 3 3 2)(3 4 4 5 5 6))(311 (3 2 1 3 2)())"
+        "(309 (2 0 0 0 0 (x))(7 -1 12 (y) 5) tail)(309 (3 0 0 0 0)())");
     EXPECT_EQ(mesh.allFaces.faceGlob, (IntVector{-1, -1, 7, -1, 12}));
     // A reversed zone's own range, [0, -3), is empty and reads nothing.
     Mesh reversed;
@@ -122,8 +123,9 @@ TEST(GlobSection, NumbersOnlyTheNamedZonesFaces) {
 
 TEST(PeriodicSection, PairsTurnOrShiftTheShadowBack) {
     Mesh mesh;
-    mesh.read("(311 (1 1 1 3 2)(1 2))(311 (6 1 1 2012 2)(2 3))(311 (8 1 1 2008 2)(3 4))"
-              "(18 (6 8 (x)) 1 30.5 1 2 3 0 0 -1 extra)");
+    mesh.read(
+        "(311 (1 1 1 3 2)(1 2))(311 (6 1 1 2012 2)(2 3))(311 (8 1 1 2008 2)(3 4))"
+        "(18 (6 8 (x)) 1 30.5 1 2 3 0 0 -1 extra)");
     const ZoneTable& z = mesh.zones;
     EXPECT_EQ(z.periodicShadow, (IntVector{-1, 2, -1}));
     EXPECT_EQ(z.periodicType, (IntVector{0, 1, 1}));

@@ -36,10 +36,10 @@ TEST(ParameterSection, FailsWithoutItsParenthesesOrValues) {
     EXPECT_FALSE(readParameterSection(input, parameters));
     EXPECT_EQ(rest(input), "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)");
     EXPECT_EQ(fields(parameters), fields(RunParameters{}));
-    for (const char* text : {"", "   ", "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6",
-                             "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6 (x)",
-                             "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6 ((x)",
-                             "(1 8 0 half 1 1 0.25 2 3 1e-3 4 5 6)", "(1 8 0 0.5 1 1)"}) {
+    for (const char* text :
+         {"", "   ", "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6", "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6 (x)",
+          "(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6 ((x)", "(1 8 0 half 1 1 0.25 2 3 1e-3 4 5 6)",
+          "(1 8 0 0.5 1 1)"}) {
         std::istringstream bad(text);
         EXPECT_FALSE(readParameterSection(bad, parameters)) << text;
     }

@@ -123,10 +123,13 @@ TEST(MeshSections, SequenceEndsQuietlyWhereNoSectionStarts) {
 
 TEST(MeshSections, SkipsSection308AndExtraTokensInHeadersAndBodies) {
     Mesh mesh;
-    mesh.read("(308 (a (b ((c)) d) \")(\" ) more (()))"
-              "(10 (1 1 1 0 3)(1 2 3) extra 42 (tokens (nested)) -)"
-              "(308 " + std::string(millionDeep, '(') + std::string(millionDeep, ')') + ")"
-              "(311 (1 1 1 3 2 (extra) 99)(1 1 (x (y)) 3) (x) y)");
+    mesh.read(
+        "(308 (a (b ((c)) d) \")(\" ) more (()))"
+        "(10 (1 1 1 0 3)(1 2 3) extra 42 (tokens (nested)) -)"
+        "(308 " +
+        std::string(millionDeep, '(') + std::string(millionDeep, ')') +
+        ")"
+        "(311 (1 1 1 3 2 (extra) 99)(1 1 (x (y)) 3) (x) y)");
     EXPECT_EQ(mesh.nodes, NodeArray{Vec3(1, 2, 3)});
     EXPECT_EQ(mesh.allFaces.faceNodes, (IntVector{0, 0}));
 }
@@ -136,8 +139,9 @@ TEST(MeshSections, GlobCopyGoesThroughTheRecordedFaceNumbers) {
     // its faces -1, 0, 1: the first lies outside allFaces and keeps -1, the others
     // pick up the numbers of the first zone's faces, as recorded.
     Mesh mesh;
-    mesh.read("(311 (1 1 2 3 2)(1 2 2 3))(309 (1 0 0 0 0)(7 8))"
-              "(311 (2 5 1 3 2)())(311 (3 1 3 3 2)(1 2 2 3 3 4))");
+    mesh.read(
+        "(311 (1 1 2 3 2)(1 2 2 3))(309 (1 0 0 0 0)(7 8))"
+        "(311 (2 5 1 3 2)())(311 (3 1 3 3 2)(1 2 2 3 3 4))");
     EXPECT_EQ(mesh.zones.zoneFaceStart, (IntVector{0, 2, -1, 2}));
     EXPECT_EQ(mesh.allFaces.faceGlob, (IntVector{7, 8, -1, -1, -1}));
     EXPECT_EQ(mesh.participatingFaces.faceId, (IntVector{0, 1, -1, 0, 1}));
@@ -224,7 +228,9 @@ TEST(MeshSectionsDeathTest, MalformedTextEndsTheProcessWithItsMessage) {
 // Prints the zone table's size when the process exits, to show that the zone was
 // registered before the fatal error and that the exit is a normal one.
 const ZoneTable* zonesAtExit = nullptr;
-void printZonesAtExit() { std::fprintf(stderr, "zones at exit: %d\n", zonesAtExit->zoneCount()); }
+void printZonesAtExit() {
+    std::fprintf(stderr, "zones at exit: %d\n", zonesAtExit->zoneCount());
+}
 
 TEST(MeshSectionsDeathTest, UnsupportedElementTypeEndsAfterRegisteringTheZone) {
     for (int elementType : {1, 6, -1, 7}) {
@@ -255,7 +261,12 @@ TEST(MeshSectionsDeathTest, EveryTruncationEndsInAnErrorOrACleanStop) {
             std::find(sectionEnds.begin(), sectionEnds.end(), length) != sectionEnds.end();
         Mesh mesh;
         if (betweenSections) {
-            EXPECT_EXIT({ mesh.read(prefix); std::exit(0); }, ExitedWithCode(0), "^$")
+            EXPECT_EXIT(
+                {
+                    mesh.read(prefix);
+                    std::exit(0);
+                },
+                ExitedWithCode(0), "^$")
                 << "prefix length " << length;
         } else {
             EXPECT_EXIT(mesh.read(prefix), ExitedWithCode(1), "^file i/o error: [a-zA-Z ']+\n$")
@@ -275,8 +286,8 @@ TEST(MeshSectionsDeathTest, BinaryGarbageEndsInADefinedWay) {
     const auto cleanOrInputError = [](int status) {
         return WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 1);
     };
-    const char* tokens[] = {"(", ")", "(10 ", "(311 ", "(309 ", "(18 ", "(308 ", " ",
-                            "1", "2", "3", "-1", "a", "7fffffff", "0.5", "\n", "2012"};
+    const char* tokens[] = {"(", ")", "(10 ", "(311 ", "(309 ",    "(18 ", "(308 ", " ",   "1",
+                            "2", "3", "-1",   "a",     "7fffffff", "0.5",  "\n",    "2012"};
     std::mt19937 random(20240611);
     for (int trial = 0; trial < 200; ++trial) {
         std::string text;
@@ -288,8 +299,12 @@ TEST(MeshSectionsDeathTest, BinaryGarbageEndsInADefinedWay) {
                 text += tokens[random() % std::size(tokens)];
         }
         Mesh fresh;
-        EXPECT_EXIT({ fresh.read(text); std::exit(0); }, cleanOrInputError,
-                    "^(file i/o error: [a-zA-Z ']+\n)?$")
+        EXPECT_EXIT(
+            {
+                fresh.read(text);
+                std::exit(0);
+            },
+            cleanOrInputError, "^(file i/o error: [a-zA-Z ']+\n)?$")
             << "trial " << trial;
     }
 }

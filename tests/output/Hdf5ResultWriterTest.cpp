@@ -5,11 +5,11 @@
 // globs; and a disk that fills up. Whole ".h5" runs are in Hdf5OutputTest.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
-#include <sys/resource.h>
 #include <string>
 #include <vector>
 
@@ -59,8 +59,7 @@ TEST(Hdf5ResultWriter, ModelIsStoredUnderTheDocumentedNamesAndTypes) {
         Hdf5ResultWriter writer(path);
         ASSERT_TRUE(writer.ok());
         writer.writeSizes(7, 8, 3, 3, 3, "mesh \"a\"", true);
-        writer.writeParameters(
-            RunParameters{1, 2, 3, 0.25, 5, 6, 1e-3, 8, 9, -1234.5, 11, 12, 13});
+        writer.writeParameters(RunParameters{1, 2, 3, 0.25, 5, 6, 1e-3, 8, 9, -1234.5, 11, 12, 13});
         writer.writeNodes(2, nodes);  // two of the three coordinates
         writer.writeZones(zones);
         writer.writeFaces(allFaces);
@@ -105,8 +104,11 @@ TEST(Hdf5ResultWriter, RowsAreCompressedSparseRowsInAppendOrder) {
         ASSERT_TRUE(writer.ok());
         ASSERT_TRUE(writer.close());
     }
-    const auto values = [&](const char* name) { return testing::h5values(path, std::string("-d ") + name); };
-    EXPECT_EQ(values("/viewFactors/activeGlobs"), std::vector<double>(active.begin(), active.end()));
+    const auto values = [&](const char* name) {
+        return testing::h5values(path, std::string("-d ") + name);
+    };
+    EXPECT_EQ(values("/viewFactors/activeGlobs"),
+              std::vector<double>(active.begin(), active.end()));
     EXPECT_EQ(values("/viewFactors/rowStart"),
               std::vector<double>(expectedStart.begin(), expectedStart.end()));
     EXPECT_EQ(values("/viewFactors/columns"),

@@ -110,7 +110,8 @@ TEST(ErrorBands, FlagTheFaultAndLittleElse) {
     cli::ResultFile result;
     computeResult("room", 2, 12, result);
     cli::SparseRow& row = result.rows[5];
-    const size_t largest = std::max_element(row.values.begin(), row.values.end()) - row.values.begin();
+    const size_t largest =
+        std::max_element(row.values.begin(), row.values.end()) - row.values.begin();
     row.values[largest] *= 2;
     cli::BandSummary bands;
     std::string error;
@@ -162,7 +163,8 @@ TEST(OpenDomain, CapsRowsAtOneAndKeepsEveryOtherPromise) {
     for (const double value : repaired.values) EXPECT_GE(value, 0);
     for (int32_t i = 0; i < 3; ++i) EXPECT_LE(rowSum(repaired, i), 1 + 1e-14) << "row " << i;
     for (const auto& [i, j] : {std::pair{0, 1}, {0, 2}, {1, 2}})
-        EXPECT_NEAR(handAreas[i] * entry(repaired, i, j), handAreas[j] * entry(repaired, j, i), 1e-15);
+        EXPECT_NEAR(handAreas[i] * entry(repaired, i, j), handAreas[j] * entry(repaired, j, i),
+                    1e-15);
     // Zeros stay zeros: no pair that is missing both ways appears.
     EXPECT_EQ(entry(repaired, 0, 0), -1);
     EXPECT_EQ(entry(repaired, 1, 1), -1);
@@ -200,7 +202,8 @@ TEST(ClosedRepair, RowsWithoutRaysAndGlobsWithoutRows) {
         ASSERT_TRUE(repairViewFactors(c.F, c.area, c.active, {}, repaired, report, error)) << error;
         EXPECT_TRUE(report.converged);
         EXPECT_EQ(report.emptyRows, c.emptyRows);
-        for (int32_t i = 0; i < c.closedRows; ++i) EXPECT_NEAR(rowSum(repaired, i), 1, 1e-13) << "row " << i;
+        for (int32_t i = 0; i < c.closedRows; ++i)
+            EXPECT_NEAR(rowSum(repaired, i), 1, 1e-13) << "row " << i;
         EXPECT_NEAR(c.area[0] * entry(repaired, 0, 1), c.area[1] * entry(repaired, 1, 0), 1e-15);
     }
 }

@@ -10,8 +10,8 @@
 // recorded when the separate comparisons of these paths with the text run all passed.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <omp.h>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -45,26 +45,19 @@ struct ModelSums {
 
 // n = 2, hemisphere resolution 6.
 const ModelSums modelSums[] = {
-    {"plates", 0x3968bdc7eb184759, 0x01dc6cd7899d9a06,
-     0x3968bdc7eb184759, 0x0ce4426e31022226},
-    {"plates-mirror", 0xd300eadf6be21233, 0xcf5d0c01d2a8516f,
-     0xd300eadf6be21233, 0x4dd9ab09e9980f87},
-    {"plates-periodic", 0xda2b711c71a1015a, 0xcc190cecc1993eee,
-     0xda2b711c71a1015a, 0xf997b650df546138},
-    {"room", 0x7eb144a006d6526b, 0x4ccfafd37a88866a,
-     0x7eb144a006d6526b, 0x32dde1428f779bd0},
-    {"room-mirror", 0x758331d7d2f86856, 0x5f39aa51d70be3bd,
-     0x758331d7d2f86856, 0xc28e2ab81e39da75},
-    {"sphere", 0xfb80bd03f5270e48, 0xd858e18027794578,
-     0xfb80bd03f5270e48, 0x960e73b380ed0ae4},
-    {"cylinder", 0xdef34d4e05feb6fe, 0x781c4d45347d28a7,
-     0xf1305cd3dcafbab0, 0xe364a849888f277d},
-    {"polygon", 0xeedad5d525b5a269, 0xf85c907452566194,
-     0xeedad5d525b5a269, 0x17799820199b2bb7},
-    {"ring", 0x34a11a13b986961e, 0x4192720d70af916b,
-     0x34a11a13b986961e, 0x0b5a51ab0b686fac},
-    {"ring-periodic", 0x338cc1097109e300, 0x9498824f45b1bbd3,
-     0x338cc1097109e300, 0x25d888554960fbb9},
+    {"plates", 0x3968bdc7eb184759, 0x01dc6cd7899d9a06, 0x3968bdc7eb184759, 0x0ce4426e31022226},
+    {"plates-mirror", 0xd300eadf6be21233, 0xcf5d0c01d2a8516f, 0xd300eadf6be21233,
+     0x4dd9ab09e9980f87},
+    {"plates-periodic", 0xda2b711c71a1015a, 0xcc190cecc1993eee, 0xda2b711c71a1015a,
+     0xf997b650df546138},
+    {"room", 0x7eb144a006d6526b, 0x4ccfafd37a88866a, 0x7eb144a006d6526b, 0x32dde1428f779bd0},
+    {"room-mirror", 0x758331d7d2f86856, 0x5f39aa51d70be3bd, 0x758331d7d2f86856, 0xc28e2ab81e39da75},
+    {"sphere", 0xfb80bd03f5270e48, 0xd858e18027794578, 0xfb80bd03f5270e48, 0x960e73b380ed0ae4},
+    {"cylinder", 0xdef34d4e05feb6fe, 0x781c4d45347d28a7, 0xf1305cd3dcafbab0, 0xe364a849888f277d},
+    {"polygon", 0xeedad5d525b5a269, 0xf85c907452566194, 0xeedad5d525b5a269, 0x17799820199b2bb7},
+    {"ring", 0x34a11a13b986961e, 0x4192720d70af916b, 0x34a11a13b986961e, 0x0b5a51ab0b686fac},
+    {"ring-periodic", 0x338cc1097109e300, 0x9498824f45b1bbd3, 0x338cc1097109e300,
+     0x25d888554960fbb9},
 };
 
 // Everything an HDF5 result holds, as the result reader gives it back.
@@ -97,7 +90,9 @@ uint64_t resultSum(const cli::ResultFile& r) {
     return hash.digest();
 }
 
-void shell(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
+void shell(const std::string& command) {
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
 
 struct EndToEndCase {
     ModelSums sums;
@@ -147,7 +142,9 @@ TEST_P(EndToEnd, ResultHasItsRecordedChecksum) {
     std::vector<std::byte> packed;
     hemiray_direct_block direct{};
     switch (path) {
-        case Path::Text: result = readFile(dir.file("text")); break;
+        case Path::Text:
+            result = readFile(dir.file("text"));
+            break;
         case Path::Binary:
             options.binary = true;
             writeFile(name, text);
@@ -168,7 +165,8 @@ TEST_P(EndToEnd, ResultHasItsRecordedChecksum) {
             direct = directBlockFor(packed);
             options.fromFile = false;
             options.directFields = path == Path::DirectBlock;
-            options.block = options.directFields ? static_cast<const void*>(&direct) : packed.data();
+            options.block =
+                options.directFields ? static_cast<const void*>(&direct) : packed.data();
             EXPECT_EQ(run(name), console);
             result = readFile(name);
             expected = sums.block;

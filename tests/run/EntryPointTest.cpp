@@ -23,10 +23,14 @@ using testing::ScratchDir;
 using testing::writeFile;
 
 // A small planar model: rows need no random numbers, so results are reproducible.
-std::string planarModelText() { return testing::exampleText("polygon", 1, 8); }
+std::string planarModelText() {
+    return testing::exampleText("polygon", 1, 8);
+}
 
 // Runs a shell command line built only from names the test chose itself.
-void shell(const std::string& command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
+void shell(const std::string& command) {
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+}
 
 TEST(InputNames, SubstringAnywhereSelectsTheDecompressor) {
     EXPECT_TRUE(namesGzip("mesh.gz.old"));
@@ -101,9 +105,11 @@ TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
          "error: glob count -1 in the size section does not fit 0 faces\n" + failed},
         // Node numbers are stored as read; 3 of 2 nodes, and 0, are caught before
         // the geometry would index past the node array.
-        {"(1 0 1 1 2)\n" + params + "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(1 3))(309 (1 1 1 3 2)(0))",
+        {"(1 0 1 1 2)\n" + params +
+             "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(1 3))(309 (1 1 1 3 2)(0))",
          read, "error: face 1 refers to node 3, outside the 2 nodes of the mesh\n" + failed},
-        {"(1 0 1 1 2)\n" + params + "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(0 2))(309 (1 1 1 3 2)(0))",
+        {"(1 0 1 1 2)\n" + params +
+             "(10 (1 1 2 1 2)(0 0 1 0))(311 (1 1 1 3 2)(0 2))(309 (1 1 1 3 2)(0))",
          read, "error: face 1 refers to node 0, outside the 2 nodes of the mesh\n" + failed},
     };
     for (const Case& c : cases) {
@@ -123,16 +129,18 @@ TEST(EntryPoint, FailuresPrintTheirLinesAndKeepTheInput) {
 // is read, before the result is opened; a mirror's id is never used.
 TEST(EntryPoint, WallGlobIdBeyondTheGlobCountIsBadInput) {
     ScratchDir dir;
-    const std::string head = "(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
-                             "(10 (1 1 4 1 2)(0 0 1 0 1 1 0 1))";
+    const std::string head =
+        "(1 0 1 1 2)\n(1 8 0 0.5 1 1 0.25 2 3 1e-3 4 5 6)\n"
+        "(10 (1 1 4 1 2)(0 0 1 0 1 1 0 1))";
     const std::string wall = "(311 (1 1 1 3 2)(1 2))(309 (1 1 1 3 2)(1))";
     writeFile(dir.file("m"), head + wall);
     const std::string name = dir.file("m");
     EXPECT_EXIT(raytracing_lib(0, name.c_str(), nullptr, 0, 1, 1, nullptr, "h", false, false, 0),
                 ::testing::ExitedWithCode(1),
                 "^file i/o error: glob id at or above the glob count\n$");
-    const std::string mirror = "(311 (1 1 1 2007 2)(1 2))(309 (1 1 1 2007 2)(5))"
-                               "(311 (2 2 2 1 2)(3 4))(309 (2 2 2 1 2)(0))";
+    const std::string mirror =
+        "(311 (1 1 1 2007 2)(1 2))(309 (1 1 1 2007 2)(5))"
+        "(311 (2 2 2 1 2)(3 4))(309 (2 2 2 1 2)(0))";
     writeFile(dir.file("m"), head + mirror);
     EXPECT_EQ(runLibrary(dir.file("m")).result, 1);
 }
@@ -171,8 +179,8 @@ TEST(EntryPoint, FileNamesAreNeverShellSyntax) {
 
     // Each name would run "touch pwned" if it reached a shell unquoted.
     const std::string names[] = {
-        "a \"$(touch pwned)\".gz", "b `touch pwned`; x.gz", "c;touch pwned;.gz.old",
-        "-d $HOME.gz", "e'$(touch pwned)'.Z",
+        "a \"$(touch pwned)\".gz", "b `touch pwned`; x.gz", "c;touch pwned;.gz.old", "-d $HOME.gz",
+        "e'$(touch pwned)'.Z",
     };
     for (const auto& name : names) {
         writeFile(dir.file("src"), text);
@@ -249,9 +257,9 @@ TEST(InMemoryRunFailuresDeathTest, BadBlockEndsTheProcessBeforeAnyOutput) {
     std::memcpy(packed.data(), &head, sizeof head);
     ScratchDir dir;
     const std::string name = dir.file("out");
-    EXPECT_EXIT(raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, packed.data(), "x", false,
-                               false, 0),
-                ::testing::ExitedWithCode(1), "file i/o error: mesh block counts overrun its length\n$");
+    EXPECT_EXIT(
+        raytracing_lib(0, name.c_str(), nullptr, 0, 1, 0, packed.data(), "x", false, false, 0),
+        ::testing::ExitedWithCode(1), "file i/o error: mesh block counts overrun its length\n$");
     EXPECT_EQ(fileCount(dir.path()), 0u);
 }
 

@@ -3,12 +3,12 @@
 // lines, is the end-to-end suite's (EndToEndTest), the layout Hdf5ResultWriterTest's.
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
 
 #include "support/RunHelpers.h"
 
@@ -52,8 +52,8 @@ TEST(Hdf5OutputRun, UnwritableFolderFailsWithAnErrorLineAndKeepsTheInput) {
     std::filesystem::permissions(folder, std::filesystem::perms(0555));
     std::filesystem::permissions(dir.path(), std::filesystem::perms(0711));
     EXPECT_EXIT(runRestricted(name, true, RLIM_INFINITY), ::testing::ExitedWithCode(0),
-        "^error: couldn't open output file: .*/readonly/m\\.h5\n"
-        "error: couldn't calculate view factors!\n$");
+                "^error: couldn't open output file: .*/readonly/m\\.h5\n"
+                "error: couldn't calculate view factors!\n$");
     EXPECT_EQ(readFile(name), text);
     EXPECT_EQ(fileCount(folder), 1u);
     std::filesystem::permissions(folder, std::filesystem::perms(0755));
@@ -67,8 +67,8 @@ TEST(Hdf5OutputRun, WriteFailureKeepsTheInput) {
     const std::string text = exampleText("room", 2, 4);
     writeFile(name, text);
     EXPECT_EXIT(runRestricted(name, false, 8192), ::testing::ExitedWithCode(0),
-        "error: couldn't write output file: .*/m\\.h5\n"
-        "error: couldn't calculate view factors!\n$");
+                "error: couldn't write output file: .*/m\\.h5\n"
+                "error: couldn't calculate view factors!\n$");
     EXPECT_EQ(readFile(name), text);
     EXPECT_EQ(fileCount(dir.path()), 1u);
 }

@@ -33,8 +33,8 @@
 namespace hemiray {
 namespace {
 
-using testing::Fnv1a;
 using testing::exampleText;
+using testing::Fnv1a;
 using testing::hex;
 
 struct GuardCase {
@@ -48,26 +48,16 @@ struct GuardCase {
 
 // Every example model, each big enough that its tree has interior nodes.
 const GuardCase guardCases[] = {
-    {"plates", 5, 8,
-     0xd525bd93451fafa9, 0xdbd43dc4b3ea12b7, 0xfeb6455b697631a7},
-    {"plates-mirror", 5, 8,
-     0x4ffbac0d29f407a4, 0x9d1277bebbbc55bf, 0x1b839d619037b46c},
-    {"plates-periodic", 5, 8,
-     0xf2fef9973c267f48, 0xc32a9bdae9dfc676, 0xe707b68af03ea647},
-    {"room", 4, 8,
-     0xa93c346798414838, 0xfacdf269fd0b751b, 0x28e5135f24aa13ee},
-    {"room-mirror", 4, 8,
-     0xabf5cb088e09962c, 0xc7ec200634650b56, 0x843afb3810d132b9},
-    {"sphere", 5, 8,
-     0x03e4f2fb8fbff379, 0xd5dd5cc53099ba77, 0x7195d7ae2fce3b68},
-    {"cylinder", 12, 12,
-     0xe94b44fe5ce2cca2, 0x81ad4773edc3ddef, 0xfea33785115603cb},
-    {"polygon", 12, 16,
-     0xf140598fca65b540, 0xd1c465fdac86d899, 0xbce635a3643119fe},
-    {"ring", 12, 16,
-     0x3b82b626a8d52f41, 0xe6e5d2b92a1e0042, 0xef6996f2d82440c1},
-    {"ring-periodic", 16, 16,
-     0x29a7f1a58c1bc929, 0x74c112f728394b28, 0x9cee7a9b64eac368},
+    {"plates", 5, 8, 0xd525bd93451fafa9, 0xdbd43dc4b3ea12b7, 0xfeb6455b697631a7},
+    {"plates-mirror", 5, 8, 0x4ffbac0d29f407a4, 0x9d1277bebbbc55bf, 0x1b839d619037b46c},
+    {"plates-periodic", 5, 8, 0xf2fef9973c267f48, 0xc32a9bdae9dfc676, 0xe707b68af03ea647},
+    {"room", 4, 8, 0xa93c346798414838, 0xfacdf269fd0b751b, 0x28e5135f24aa13ee},
+    {"room-mirror", 4, 8, 0xabf5cb088e09962c, 0xc7ec200634650b56, 0x843afb3810d132b9},
+    {"sphere", 5, 8, 0x03e4f2fb8fbff379, 0xd5dd5cc53099ba77, 0x7195d7ae2fce3b68},
+    {"cylinder", 12, 12, 0xe94b44fe5ce2cca2, 0x81ad4773edc3ddef, 0xfea33785115603cb},
+    {"polygon", 12, 16, 0xf140598fca65b540, 0xd1c465fdac86d899, 0xbce635a3643119fe},
+    {"ring", 12, 16, 0x3b82b626a8d52f41, 0xe6e5d2b92a1e0042, 0xef6996f2d82440c1},
+    {"ring-periodic", 16, 16, 0x29a7f1a58c1bc929, 0x74c112f728394b28, 0x9cee7a9b64eac368},
 };
 
 void PrintTo(const GuardCase& c, std::ostream* os) {
@@ -88,7 +78,8 @@ TEST_P(ResultBytesGuard, ResultFilesKeepTheirBytes) {
             for (const int threads : {1, 2}) {
                 testing::writeFile(dir.file("m"), text);
                 setThreadRandomState(1);
-                const auto r = testing::runLibrary(dir.file("m"), {binary, false, threads, "guard", false});
+                const auto r =
+                    testing::runLibrary(dir.file("m"), {binary, false, threads, "guard", false});
                 ASSERT_EQ(r.result, 1) << r.err;
                 const std::string result = testing::readFile(dir.file("m"));
                 if (threads == 2) {
@@ -127,9 +118,12 @@ TEST_P(ResultBytesGuard, RowsKeepEveryBit) {
                 computeViewFactorRow(g, m.sizes.dimension, *loaded.hemisphere, faces, *loaded.globs,
                                      m.zones, through, row);
             };
-            if (way == 2) compute(tracer);
-            else if (way == 1) compute(flat);
-            else compute(*loaded.tree);
+            if (way == 2)
+                compute(tracer);
+            else if (way == 1)
+                compute(flat);
+            else
+                compute(*loaded.tree);
             hash.value(int64_t{g});
             hash.value(int64_t{row.np});
             for (int k = 0; k < row.np; ++k) {
@@ -157,7 +151,9 @@ struct TraceCase {
     uint64_t trace;
 };
 
-void PrintTo(const TraceCase& c, std::ostream* os) { *os << meshes::nameOf(c.kind); }
+void PrintTo(const TraceCase& c, std::ostream* os) {
+    *os << meshes::nameOf(c.kind);
+}
 
 class TraceGuard : public ::testing::TestWithParam<TraceCase> {};
 
@@ -175,9 +171,9 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
         Fnv1a hash;
         for (const meshes::Ray& ray : rays) {
             double tEnter = 0, tExit = 0;
-            const bool entered = throughFlatCopy
-                                     ? flat.clip(ray.origin, ray.direction, tEnter, tExit)
-                                     : clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
+            const bool entered =
+                throughFlatCopy ? flat.clip(ray.origin, ray.direction, tEnter, tExit)
+                                : clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
             hash.value(int64_t{entered});
             if (!entered) continue;
             hash.value(tEnter);
@@ -188,7 +184,8 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
             if (throughFlatCopy)
                 hit = flat.traverse(ray.origin, ray.direction, point, face, tEnter, tExit);
             else if (root.dimension == 1)
-                hit = traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter, tExit);
+                hit = traverseAxisymmetric(root, ray.origin, ray.direction, point, face, tEnter,
+                                           tExit);
             else
                 hit = traversePlanar(root, ray.origin, ray.direction, point, face, tEnter, tExit);
             hash.value(int64_t{hit});
@@ -201,7 +198,8 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
 }
 
 INSTANTIATE_TEST_SUITE_P(RandomMeshes, TraceGuard,
-                         ::testing::Values(TraceCase{meshes::Kind::Axisymmetric, 0x4210ab8172687e96},
+                         ::testing::Values(TraceCase{meshes::Kind::Axisymmetric,
+                                                     0x4210ab8172687e96},
                                            TraceCase{meshes::Kind::Planar, 0x3e911336a2fcfb1c},
                                            TraceCase{meshes::Kind::Triangles, 0x48a45993a7ed8ae5},
                                            TraceCase{meshes::Kind::Quads, 0xce0ad6e553d643bf}),

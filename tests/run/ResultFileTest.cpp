@@ -15,13 +15,12 @@
 namespace hemiray {
 namespace {
 
-using testing::readFile;
-using testing::RunOptions;
-using testing::runLibrary;
-using testing::ScratchDir;
 using testing::exampleText;
+using testing::readFile;
+using testing::runLibrary;
+using testing::RunOptions;
+using testing::ScratchDir;
 using testing::writeFile;
-
 
 // The three golden models are built so that every row is known without running the
 // code: in each, the rays of a glob can only end on one other glob (the rest of the
@@ -54,11 +53,15 @@ TEST_P(GoldenResult, RunWritesTheHandWrittenFile) {
 
 INSTANTIATE_TEST_SUITE_P(
     ThreeModes, GoldenResult,
-    ::testing::Values(GoldenCase{"box3d.msh", "box3d.expected", {false, false, 1, "golden", false}},
-                      GoldenCase{"box3d.msh", "box3d-binary.expected", {true, false, 1, "golden", false}},
-                      GoldenCase{"box3d.msh", "box3d.expected", {false, true, 2, "golden", false}},
-                      GoldenCase{"channel2d.msh", "channel2d.expected", {false, false, 1, "planar channel", true}},
-                      GoldenCase{"cylinder-axi.msh", "cylinder-axi.expected", {false, false, 1, "axisymmetric cylinder", false}}),
+    ::testing::Values(
+        GoldenCase{"box3d.msh", "box3d.expected", {false, false, 1, "golden", false}},
+        GoldenCase{"box3d.msh", "box3d-binary.expected", {true, false, 1, "golden", false}},
+        GoldenCase{"box3d.msh", "box3d.expected", {false, true, 2, "golden", false}},
+        GoldenCase{
+            "channel2d.msh", "channel2d.expected", {false, false, 1, "planar channel", true}},
+        GoldenCase{"cylinder-axi.msh",
+                   "cylinder-axi.expected",
+                   {false, false, 1, "axisymmetric cylinder", false}}),
     [](const auto& param) {
         std::string name = param.param.expected;
         for (char& ch : name)
@@ -92,10 +95,10 @@ TEST(ResultFile, ProgressFileEndsAtOneHundred) {
     SizeSection sizes;
     ASSERT_TRUE(readSizeSection(*input, sizes));
     ::testing::internal::CaptureStdout();
-    const bool ok = calculateViewFactors(std::move(input), dir.file("m"), dir.file("progress"),
-                                         false, false, sizes.dimension, sizes.size1, sizes.size2,
-                                         sizes.zoneCount, sizes.globCount, 1, true, nullptr, "p",
-                                         false, false, 0);
+    const bool ok =
+        calculateViewFactors(std::move(input), dir.file("m"), dir.file("progress"), false, false,
+                             sizes.dimension, sizes.size1, sizes.size2, sizes.zoneCount,
+                             sizes.globCount, 1, true, nullptr, "p", false, false, 0);
     const std::string out = ::testing::internal::GetCapturedStdout();
     ASSERT_TRUE(ok);
     EXPECT_NE(out.find("#\t 90% done..."), std::string::npos);

@@ -8,10 +8,10 @@
 // every slot count and team.
 #include <gtest/gtest.h>
 
+#include <omp.h>
 #include <cstdint>
 #include <cstring>
 #include <iomanip>
-#include <omp.h>
 #include <sstream>
 #include <string>
 
@@ -99,25 +99,35 @@ struct ScheduleCase {
 };
 
 const ScheduleCase scheduleCases[] = {
-    {"room", 3, Globs::PerFace,
-     {"3070012d378ab316", "64e0c6e9e073c6e3", "56a4ae58bc03a460",
-      "4e50e221b84b5109", "0488a607df449e34", "a666bcc14bcc161d"},
+    {"room",
+     3,
+     Globs::PerFace,
+     {"3070012d378ab316", "64e0c6e9e073c6e3", "56a4ae58bc03a460", "4e50e221b84b5109",
+      "0488a607df449e34", "a666bcc14bcc161d"},
      "9c56cbe34b8d5c45"},
-    {"room-mirror", 3, Globs::PerFace,
-     {"4651ff5af52447c8", "1aeda3143277fa69", "2f719a4349171b24",
-      "7e2c277d300aba33", "5bd955b614c8ef02", "6c9b940284223f0b"},
+    {"room-mirror",
+     3,
+     Globs::PerFace,
+     {"4651ff5af52447c8", "1aeda3143277fa69", "2f719a4349171b24", "7e2c277d300aba33",
+      "5bd955b614c8ef02", "6c9b940284223f0b"},
      "987509f4738e6513"},
-    {"plates-periodic", 4, Globs::PerFace,
-     {"837938431459bd01", "181c35aa928a4cdc", "bef1662e2080e275",
-      "06b01168690bbf19", "e069e2d0d932746f", "2ad92f0d59f39a06"},
+    {"plates-periodic",
+     4,
+     Globs::PerFace,
+     {"837938431459bd01", "181c35aa928a4cdc", "bef1662e2080e275", "06b01168690bbf19",
+      "e069e2d0d932746f", "2ad92f0d59f39a06"},
      "a6e0c42df1f22a56"},
-    {"sphere", 4, Globs::Two,
-     {"fb1d374bbd287105", "74a93f5bda0ecbaa", "74a93f5bda0ecbaa",
-      "74a93f5bda0ecbaa", "74a93f5bda0ecbaa", "74a93f5bda0ecbaa"},
+    {"sphere",
+     4,
+     Globs::Two,
+     {"fb1d374bbd287105", "74a93f5bda0ecbaa", "74a93f5bda0ecbaa", "74a93f5bda0ecbaa",
+      "74a93f5bda0ecbaa", "74a93f5bda0ecbaa"},
      "10af5caa048fdce6"},
-    {"room", 3, Globs::Growing,
-     {"38f33885b86c463d", "4abbe2fb350f94e4", "c7efd5c438e89600",
-      "da4d1808b7bcb219", "bdf887ed827f2ff0", "557ef42755585342"},
+    {"room",
+     3,
+     Globs::Growing,
+     {"38f33885b86c463d", "4abbe2fb350f94e4", "c7efd5c438e89600", "da4d1808b7bcb219",
+      "bdf887ed827f2ff0", "557ef42755585342"},
      "c246b3b606c60b00"},
 };
 

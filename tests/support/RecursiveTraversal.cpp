@@ -86,8 +86,8 @@ bool traverseLeaf(const BspNode& leaf, const Vec3& O, const Vec3& D, Vec3& hitPo
 // cylinder of that radius instead of a plane. splitAxis is below axisCount (at
 // most 3) by construction, so the coordinates are read unchecked.
 template <bool Axisymmetric>
-bool traverse(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint,
-              int32_t& hitFace, double tmin, double tmax) {
+bool traverse(const BspNode& node, const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
+              double tmin, double tmax) {
     if (node.isLeaf()) return traverseLeaf(node, O, D, hitPoint, hitFace, tmin, tmax);
 
     const auto search = [&](const BspNode* child, double lo, double hi) {
@@ -155,9 +155,8 @@ bool traverseAxisymmetric(const BspNode& node, const Vec3& O, const Vec3& D, Vec
 }
 
 void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hemisphere,
-                          const FaceSet& faces, const GlobTable& globs,
-                          const ZoneTable& zones, const BspNode& tree,
-                          SparseRowVector& row) {
+                          const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
+                          const BspNode& tree, SparseRowVector& row) {
     const bool axisymmetric = tree.dimension == 1;
     const auto trace = [&](const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
         double tEnter = 0, tExit = 0;

@@ -5,12 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "hemiray/raytracing.h"
@@ -87,7 +87,7 @@ struct RunOptions {
     int threads = 1;
     const char* header = "test";
     bool headerFlag = false;
-    bool fromFile = true;      // false: the mesh comes from `block`
+    bool fromFile = true;  // false: the mesh comes from `block`
     const void* block = nullptr;
     bool directFields = false;  // the block's family
 };

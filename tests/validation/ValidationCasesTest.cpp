@@ -21,9 +21,9 @@
 #include <numbers>
 #include <string>
 
+#include "validate/AnalyticViewFactors.h"
 #include "validate/PointFactors.h"
 #include "validate/ValidationCases.h"
-#include "validate/AnalyticViewFactors.h"
 
 namespace hemiray {
 namespace {
@@ -50,8 +50,8 @@ TEST(PointFactors, PolygonMatchesTheCornerFormulaAndTheDisc) {
     // matter.
     const double x = 0.3, y = 0.7, a = 1, b = 2, c = 0.8;
     const auto corner = analytic::cornerToParallelRectangle;
-    const double four = corner(x, y, c) + corner(a - x, y, c) + corner(x, b - y, c) +
-                        corner(a - x, b - y, c);
+    const double four =
+        corner(x, y, c) + corner(a - x, y, c) + corner(x, b - y, c) + corner(a - x, b - y, c);
     auto r = rectangle(0, 0, a, b, c);
     EXPECT_NEAR(analytic::pointToPolygon(Vec3(x, y, 0), n, r), four, 1e-14);
     std::reverse(r.begin(), r.end());
@@ -131,7 +131,9 @@ struct Expectation {
     uint32_t states;       // generator states tried (3D); 1 elsewhere
 };
 
-void PrintTo(const Expectation& e, std::ostream* os) { *os << e.label << " R " << e.resolution; }
+void PrintTo(const Expectation& e, std::ostream* os) {
+    *os << e.label << " R " << e.resolution;
+}
 
 class ValidationCase : public ::testing::TestWithParam<Expectation> {};
 
@@ -146,7 +148,8 @@ TEST_P(ValidationCase, MatchesTheClosedForms) {
             SCOPED_TRACE(c.surfaces[static_cast<size_t>(c.comparisons[k].from)].name + " -> " +
                          c.surfaces[static_cast<size_t>(c.comparisons[k].to)].name);
             EXPECT_NEAR(x.computed, x.reference, e.samplingBound);
-            EXPECT_NEAR(x.computed, x.analytic, std::abs(x.reference - x.analytic) + e.samplingBound);
+            EXPECT_NEAR(x.computed, x.analytic,
+                        std::abs(x.reference - x.analytic) + e.samplingBound);
         }
         // Closed cases lose no ray: below 100 reflections nothing escapes.
         if (c.closed) {
@@ -192,8 +195,10 @@ INSTANTIATE_TEST_SUITE_P(
         Expectation{"3d channel", [] { return channel3d(10); }, 8, 1.1e-2, 2},
         Expectation{"parallel rectangles", [] { return parallelRectangles(4); }, 8, 1.6e-2, 3},
         Expectation{"parallel rectangles", [] { return parallelRectangles(8); }, 16, 3.2e-3, 3},
-        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(4); }, 8, 1.3e-2, 3},
-        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(8); }, 16, 3.4e-3, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(4); }, 8,
+                    1.3e-2, 3},
+        Expectation{"perpendicular rectangles", [] { return perpendicularRectangles(8); }, 16,
+                    3.4e-3, 3},
         Expectation{"coaxial discs", [] { return coaxialDiscs(8); }, 10, 5.4e-3, 1},
         Expectation{"coaxial discs", [] { return coaxialDiscs(32); }, 40, 6.2e-4, 1}),
     [](const ::testing::TestParamInfo<Expectation>& param) {
@@ -235,9 +240,9 @@ TEST(ValidationEquivalence, PlanarAndAxisymmetricReducedModelsRepeatTheFullRows)
         std::function<Equivalence()> build;
         int resolution;
     };
-    for (const Model& m : {Model{[] { return planarMirror(8); }, 64},
-                           Model{[] { return planarRotational(4); }, 64},
-                           Model{[] { return axisymmetricMirror(4, 8); }, 16}}) {
+    for (const Model& m :
+         {Model{[] { return planarMirror(8); }, 64}, Model{[] { return planarRotational(4); }, 64},
+          Model{[] { return axisymmetricMirror(4, 8); }, 16}}) {
         const Equivalence e = m.build();
         const EquivalenceResult r = compare(e, m.resolution);
         EXPECT_LT(r.maxDifference, 1e-12) << e.name;

@@ -16,7 +16,9 @@
 namespace hemiray {
 namespace {
 
-Vec3 direction(const Hemisphere& h, int k) { return {h.dirX(k), h.dirY(k), h.dirZ(k)}; }
+Vec3 direction(const Hemisphere& h, int k) {
+    return {h.dirX(k), h.dirY(k), h.dirZ(k)};
+}
 
 // Blocks of the running index: 8 cells on the -t1 side, 8 on +t1, 8 on -t2, 8 on
 // +t2, then the 16 of the top face; on a side the tangent along it runs first.
@@ -84,8 +86,7 @@ TEST(Hemisphere, WeightsArePositiveSumToOneAndPeakAtTheTopCentre) {
             }
             // Each normalised weight carries at most half an ulp of rounding, and a
             // long double sum adds little more: a few ulps of 1 cover the total.
-            EXPECT_NEAR(static_cast<double>(sum), 1.0,
-                        4 * std::numeric_limits<double>::epsilon());
+            EXPECT_NEAR(static_cast<double>(sum), 1.0, 4 * std::numeric_limits<double>::epsilon());
             if (mode == 3) {
                 // The four centre cells of the top face, the closest to the normal.
                 EXPECT_EQ(h.dirZ(largestAt), 1.0);

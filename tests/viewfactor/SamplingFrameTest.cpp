@@ -68,8 +68,8 @@ TEST(TangentFrame, PlanarAndAxisymmetricFramesAreFixedAndDrawNothing) {
 TEST(TangentFrame, ThreeDimensionalFrameIsRightHandedOrthonormal) {
     RandomStateGuard guard;
     setThreadRandomState(1);
-    const Vec3 normals[] = {Vec3(0, 0, 1), Vec3(0, 0, -1), Vec3(1, 0, 0),
-                            Vec3(0.48, 0.6, 0.64), Vec3(-0.6, 0, -0.8)};
+    const Vec3 normals[] = {Vec3(0, 0, 1), Vec3(0, 0, -1), Vec3(1, 0, 0), Vec3(0.48, 0.6, 0.64),
+                            Vec3(-0.6, 0, -0.8)};
     for (const Vec3& n : normals) {
         for (int repeat = 0; repeat < 20; ++repeat) {
             Vec3 t1, t2;
@@ -87,7 +87,9 @@ TEST(TangentFrame, ThreeDimensionalFrameIsRightHandedOrthonormal) {
 // A 3D frame takes the projection of a random point of the cube [-1, 1]^3 onto the
 // face's plane, drawn again while it is shorter than 0.1. The draws come from the
 // generator pinned above.
-double draw() { return 1 - 2 * (threadRandom() / 32768.0); }
+double draw() {
+    return 1 - 2 * (threadRandom() / 32768.0);
+}
 
 TEST(TangentFrame, ShortProjectionsAreDrawnAgain) {
     RandomStateGuard guard;
@@ -111,7 +113,7 @@ TEST(TangentFrame, ShortProjectionsAreDrawnAgain) {
     const double length = std::hypot(x, y);
     expectNear(t2, Vec3(x / length, y / length, 0), 1e-15);
     expectNear(t1, Vec3(y / length, -x / length, 0), 1e-15);  // t2 x n
-    EXPECT_EQ(threadRandomState(), after);  // exactly two triples drawn
+    EXPECT_EQ(threadRandomState(), after);                    // exactly two triples drawn
 
     // A non-finite normal ends after one triple.
     setThreadRandomState(5);
@@ -124,8 +126,7 @@ TEST(TangentFrame, ShortProjectionsAreDrawnAgain) {
 }
 
 Vec3 multiply(const double M[9], const Vec3& v) {
-    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2],
-            M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
+    return {M[0] * v[0] + M[1] * v[1] + M[2] * v[2], M[3] * v[0] + M[4] * v[1] + M[5] * v[2],
             M[6] * v[0] + M[7] * v[1] + M[8] * v[2]};
 }
 
@@ -145,8 +146,8 @@ TEST(RotationMatrix, AgreesWithTheVectorFormOfRodrigues) {
         // Orthogonal: rows are orthonormal.
         for (int r = 0; r < 3; ++r)
             for (int c = 0; c < 3; ++c) {
-                const double rowDot = M[3 * r] * M[3 * c] + M[3 * r + 1] * M[3 * c + 1] +
-                                      M[3 * r + 2] * M[3 * c + 2];
+                const double rowDot =
+                    M[3 * r] * M[3 * c] + M[3 * r + 1] * M[3 * c + 1] + M[3 * r + 2] * M[3 * c + 2];
                 EXPECT_NEAR(rowDot, r == c ? 1.0 : 0.0, 1e-15);
             }
     }

@@ -13,14 +13,14 @@
 #include <cmath>
 #include <numbers>
 
-#include "validate/AnalyticViewFactors.h"
 #include "models/CodeMesh.h"
+#include "validate/AnalyticViewFactors.h"
 
 namespace hemiray {
 namespace {
 
-using models::RandomStateGuard;
 using models::CodeMesh;
+using models::RandomStateGuard;
 constexpr double pi = std::numbers::pi;
 
 // ---------------------------------------------------------------------------
@@ -54,8 +54,7 @@ TEST_P(HundredBounces, WallBehindNinetyNineReflectionsScoresAndBehindAHundredDoe
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(ViewFactorRow, HundredBounces,
-                         ::testing::Values(98, 99, 100, 101));
+INSTANTIATE_TEST_SUITE_P(ViewFactorRow, HundredBounces, ::testing::Values(98, 99, 100, 101));
 
 // An absorbing plate (zone type 2003, with a glob so that wrong scoring would
 // show) between the emitter and a wide wall: the rays it catches end there and

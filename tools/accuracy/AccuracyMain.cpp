@@ -9,11 +9,12 @@
 // With --bins FILE it also writes the mean error of the factors by decade of their
 // exact value, from which the script fits an error law in the factor's size.
 //
-// Usage: hemiray_accuracy [--resolutions 4,8,16] [--sizes 1,4,16,64] [--mode 3d,planar,axisymmetric]
+// Usage: hemiray_accuracy [--resolutions 4,8,16] [--sizes 1,4,16,64] [--mode
+// 3d,planar,axisymmetric]
 //                         [--bins FILE]
 #include <cmath>
-#include <ctime>
 #include <cstdio>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -24,15 +25,15 @@
 #include "ErrorBands.h"
 #include "accuracy/ExactFactors.h"
 #include "geometry/FaceGeometry.h"
-#include "repair/ViewFactorRepair.h"
 #include "models/CodeMesh.h"
+#include "repair/ViewFactorRepair.h"
 
 namespace {
 
 using namespace hemiray;
 using models::CodeMesh;
 
-constexpr int facesPerEdge = 64;  // faces along a side (planar, mantle) ...
+constexpr int facesPerEdge = 64;     // faces along a side (planar, mantle) ...
 constexpr int cubeFacesPerEdge = 8;  // ... and along a cube edge: 64 per side
 constexpr int ringsPerDisc = 8;
 
@@ -84,7 +85,8 @@ Study square(int k) {
     Study s{std::make_unique<CodeMesh>(2), {}};
     CodeMesh& m = *s.mesh;
     const int32_t wall = m.addZone(1);
-    const Vec3 corners[5] = {Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0), Vec3(1, 0, 0), Vec3(0, 0, 0)};
+    const Vec3 corners[5] = {Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0), Vec3(1, 0, 0),
+                             Vec3(0, 0, 0)};
     std::vector<std::pair<Vec3, Vec3>> pieces;
     std::vector<int> sideOf;
     for (int side = 0; side < 4; ++side)
@@ -100,9 +102,11 @@ Study square(int k) {
     for (size_t i = 0; i < pieces.size(); ++i) {
         s.exact.emplace_back();
         for (size_t j = 0; j < pieces.size(); ++j)
-            s.exact.back().push_back(sideOf[i] == sideOf[j] ? 0.0
-                                     : analytic::crossedStrings(pieces[i].first, pieces[i].second,
-                                                                pieces[j].second, pieces[j].first));
+            s.exact.back().push_back(
+                sideOf[i] == sideOf[j]
+                    ? 0.0
+                    : analytic::crossedStrings(pieces[i].first, pieces[i].second, pieces[j].second,
+                                               pieces[j].first));
     }
     return s;
 }
@@ -130,15 +134,20 @@ Study cylinder(int k) {
             const double r1 = double(i) / ringsPerDisc, r2 = double(i + 1) / ringsPerDisc;
             const int32_t glob = static_cast<int32_t>(pieces.size());
             // The normal, (dy, -dx), points into the cylinder at either end.
-            if (plane == 0) m.addSegment(wall, glob, Vec3(0, r1, 0), Vec3(0, r2, 0));
-            else m.addSegment(wall, glob, Vec3(plane, r2, 0), Vec3(plane, r1, 0));
+            if (plane == 0)
+                m.addSegment(wall, glob, Vec3(0, r1, 0), Vec3(0, r2, 0));
+            else
+                m.addSegment(wall, glob, Vec3(plane, r2, 0), Vec3(plane, r1, 0));
             pieces.push_back({false, r1, r2, plane});
         }
     m.finish();
     const double pi = std::numbers::pi;
-    auto area = [&](const Piece& p) { return p.mantle ? 2 * pi * (p.b - p.a) : pi * (p.b * p.b - p.a * p.a); };
+    auto area = [&](const Piece& p) {
+        return p.mantle ? 2 * pi * (p.b - p.a) : pi * (p.b * p.b - p.a * p.a);
+    };
     // Energy A F between two pieces, symmetric in its arguments.
-    std::function<double(const Piece&, const Piece&)> energy = [&](const Piece& p, const Piece& q) -> double {
+    std::function<double(const Piece&, const Piece&)> energy = [&](const Piece& p,
+                                                                   const Piece& q) -> double {
         using accuracy::crossSections;
         if (!p.mantle && q.mantle) return energy(q, p);
         if (p.mantle && q.mantle) {
@@ -151,10 +160,12 @@ Study cylinder(int k) {
         if (p.mantle) {  // q a ring: through the cross sections at the band's ends
             const double near = std::abs(q.plane == 0 ? p.a : length - p.b);
             const double far = std::abs(q.plane == 0 ? p.b : length - p.a);
-            return accuracy::ringThroughDisc(q.a, q.b, 1, near) - accuracy::ringThroughDisc(q.a, q.b, 1, far);
+            return accuracy::ringThroughDisc(q.a, q.b, 1, near) -
+                   accuracy::ringThroughDisc(q.a, q.b, 1, far);
         }
         if (p.plane == q.plane) return 0;
-        return accuracy::ringThroughDisc(p.a, p.b, q.b, length) - accuracy::ringThroughDisc(p.a, p.b, q.a, length);
+        return accuracy::ringThroughDisc(p.a, p.b, q.b, length) -
+               accuracy::ringThroughDisc(p.a, p.b, q.a, length);
     };
     for (const Piece& p : pieces) {
         s.exact.emplace_back();
@@ -195,8 +206,8 @@ Errors compare(const repair::CsrMatrix& F, const std::vector<std::vector<double>
 
 // Mean factor and mean error of the pairs whose exact factor lies in each decade
 // 1e-5 .. 1.
-void writeBins(std::ostream& out, const std::string& mode, int size, int R, const repair::CsrMatrix& F,
-               const std::vector<std::vector<double>>& exact) {
+void writeBins(std::ostream& out, const std::string& mode, int size, int R,
+               const repair::CsrMatrix& F, const std::vector<std::vector<double>>& exact) {
     constexpr int decades = 5;
     double factor[decades] = {}, error[decades] = {};
     long long pairs[decades] = {};
@@ -207,7 +218,8 @@ void writeBins(std::ostream& out, const std::string& mode, int size, int R, cons
         for (int32_t j = 0; j < n; ++j) {
             const double t = exact[i][j];
             if (t <= 1e-5) continue;
-            const int d = std::clamp(static_cast<int>(-std::floor(std::log10(t))) - 1, 0, decades - 1);
+            const int d =
+                std::clamp(static_cast<int>(-std::floor(std::log10(t))) - 1, 0, decades - 1);
             factor[d] += t;
             error[d] += std::abs(row[j] - t);
             ++pairs[d];
@@ -235,21 +247,25 @@ int main(int argc, char** argv) {
     std::ofstream bins;
     for (int a = 1; a + 1 < argc; a += 2) {
         const std::string flag = argv[a];
-        if (flag == "--resolutions") resolutions = parseList(argv[a + 1]);
-        else if (flag == "--sizes") sizes = parseList(argv[a + 1]);
-        else if (flag == "--mode") modes = argv[a + 1];
+        if (flag == "--resolutions")
+            resolutions = parseList(argv[a + 1]);
+        else if (flag == "--sizes")
+            sizes = parseList(argv[a + 1]);
+        else if (flag == "--mode")
+            modes = argv[a + 1];
         else if (flag == "--bins") {
             bins.open(argv[a + 1]);
             bins << "mode,faces_per_glob,resolution,decade,pairs,mean_factor,mean_error\n";
-        }
-        else {
-            std::cerr << "usage: hemiray_accuracy [--resolutions 4,8] [--sizes 1,4] [--mode 3d,planar]\n";
+        } else {
+            std::cerr
+                << "usage: hemiray_accuracy [--resolutions 4,8] [--sizes 1,4] [--mode 3d,planar]\n";
             return 2;
         }
     }
-    std::printf("mode,faces_per_glob,globs,resolution,rays,seconds,mean_error,max_error,mean_row_error,"
-                "max_row_error,reciprocity,repaired_mean_error,repaired_max_error,repaired_mean_row_error,"
-                "repaired_max_row_error,weighted_mean_error,weighted_max_error,exact_closure\n");
+    std::printf(
+        "mode,faces_per_glob,globs,resolution,rays,seconds,mean_error,max_error,mean_row_error,"
+        "max_row_error,reciprocity,repaired_mean_error,repaired_max_error,repaired_mean_row_error,"
+        "repaired_max_row_error,weighted_mean_error,weighted_max_error,exact_closure\n");
     for (const std::string mode : {"3d", "planar", "axisymmetric"}) {
         if (modes.find(mode) == std::string::npos) continue;
         for (const int size : sizes) {
@@ -299,20 +315,24 @@ int main(int argc, char** argv) {
                 // that scripts/accuracy_report.py fits to this study.
                 const cli::ErrorLaw law = cli::errorLaw(m.faces.dimension);
                 repair::RepairOptions weighted;
-                weighted.estimateWeight = repair::estimateWeights(area, faces, law.factorPower, law.facesPower);
+                weighted.estimateWeight =
+                    repair::estimateWeights(area, faces, law.factorPower, law.facesPower);
                 repair::RepairReport weightedReport;
-                if (!repair::repairViewFactors(F, area, active, weighted, repaired, weightedReport, error)) {
+                if (!repair::repairViewFactors(F, area, active, weighted, repaired, weightedReport,
+                                               error)) {
                     std::cerr << "repair failed: " << error << '\n';
                     return 1;
                 }
                 const Errors byLaw = compare(repaired, s.exact);
-                std::printf("%s,%d,%d,%d,%lld,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.2g\n",
-                            mode.c_str(), size, n, R,
-                            static_cast<long long>(m.faces.faceCount()) * hemisphere.size_, seconds,
-                            before.meanFactor, before.maxFactor, before.meanRowSum, before.maxRowSum,
-                            report.before.weightedReciprocity, after.meanFactor, after.maxFactor,
-                            after.meanRowSum, after.maxRowSum, byLaw.meanFactor, byLaw.maxFactor,
-                            exactClosure);
+                std::printf(
+                    "%s,%d,%d,%d,%lld,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%.4g,%"
+                    ".2g\n",
+                    mode.c_str(), size, n, R,
+                    static_cast<long long>(m.faces.faceCount()) * hemisphere.size_, seconds,
+                    before.meanFactor, before.maxFactor, before.meanRowSum, before.maxRowSum,
+                    report.before.weightedReciprocity, after.meanFactor, after.maxFactor,
+                    after.meanRowSum, after.maxRowSum, byLaw.meanFactor, byLaw.maxFactor,
+                    exactClosure);
                 std::fflush(stdout);
             }
         }

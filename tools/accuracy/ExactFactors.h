@@ -92,7 +92,9 @@ inline double rectangleFactor(const Rectangle& a, const Rectangle& b) {
 
 // Closed cylinder of radius 1 along x: f(h) is the factor between its two cross
 // sections at distance h (1 at h = 0).
-inline double crossSections(double h) { return h <= 0 ? 1.0 : analytic::coaxialDisks(1, 1, h); }
+inline double crossSections(double h) {
+    return h <= 0 ? 1.0 : analytic::coaxialDisks(1, 1, h);
+}
 
 // Energy (A F) from the ring r1..r2 of a cross section through the coaxial disc of
 // radius a at distance h; everything passes at h = 0.

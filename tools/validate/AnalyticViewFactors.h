@@ -14,9 +14,8 @@ inline double parallelRectangles(double a, double b, double c) {
     const double X = a / c, Y = b / c;
     const double sx = std::sqrt(1 + X * X), sy = std::sqrt(1 + Y * Y);
     return 2 / (std::numbers::pi * X * Y) *
-           (std::log(sx * sy / std::sqrt(1 + X * X + Y * Y)) +
-            X * sy * std::atan(X / sy) + Y * sx * std::atan(Y / sx) - X * std::atan(X) -
-            Y * std::atan(Y));
+           (std::log(sx * sy / std::sqrt(1 + X * X + Y * Y)) + X * sy * std::atan(X / sy) +
+            Y * sx * std::atan(Y / sx) - X * std::atan(X) - Y * std::atan(Y));
 }
 
 // C-14: from a rectangle of width w to a perpendicular one of height h that shares
@@ -26,8 +25,7 @@ inline double perpendicularRectangles(double l, double w, double h) {
     const double logTerm = std::log((1 + W2) * (1 + H2) / (1 + W2 + H2)) +
                            W2 * std::log(W2 * (1 + W2 + H2) / ((1 + W2) * (W2 + H2))) +
                            H2 * std::log(H2 * (1 + H2 + W2) / ((1 + H2) * (H2 + W2)));
-    return (W * std::atan(1 / W) + H * std::atan(1 / H) - S * std::atan(1 / S) +
-            logTerm / 4) /
+    return (W * std::atan(1 / W) + H * std::atan(1 / H) - S * std::atan(1 / S) + logTerm / 4) /
            (std::numbers::pi * W);
 }
 
@@ -48,10 +46,8 @@ inline double pointToParallelDisk(double h, double a, double r) {
 // Crossed strings: from segment a0-a1 to segment b0-b1 of a convex enclosure, both
 // seeing each other unobstructed, with a0 and b0 on the same side of the strings:
 // (crossed - uncrossed) / (2 |a0 a1|).
-inline double crossedStrings(const Vec3& a0, const Vec3& a1, const Vec3& b0,
-                             const Vec3& b1) {
-    return (norm(a0 - b1) + norm(a1 - b0) - norm(a0 - b0) - norm(a1 - b1)) /
-           (2 * norm(a1 - a0));
+inline double crossedStrings(const Vec3& a0, const Vec3& a1, const Vec3& b0, const Vec3& b1) {
+    return (norm(a0 - b1) + norm(a1 - b0) - norm(a0 - b0) - norm(a1 - b1)) / (2 * norm(a1 - a0));
 }
 
 }  // namespace hemiray::analytic

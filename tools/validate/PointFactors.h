@@ -57,8 +57,7 @@ inline double cylinderWallToCrossSection(double h, double R) {
 inline double cornerToParallelRectangle(double a, double b, double c) {
     const double X = a / c, Y = b / c;
     const double sx = std::sqrt(1 + X * X), sy = std::sqrt(1 + Y * Y);
-    return (X / sx * std::atan(Y / sx) + Y / sy * std::atan(X / sy)) /
-           (2 * std::numbers::pi);
+    return (X / sx * std::atan(Y / sx) + Y / sy * std::atan(X / sy)) / (2 * std::numbers::pi);
 }
 
 }  // namespace hemiray::analytic

@@ -41,7 +41,8 @@ struct Options {
 
 [[noreturn]] void usage(const std::string& message) {
     std::cerr << "hemiray_validate: " << message << "\n"
-              << "usage: hemiray_validate [--out DIR] [--resolutions 4,8,...] [--mode planar,axisymmetric,3d]\n"
+              << "usage: hemiray_validate [--out DIR] [--resolutions 4,8,...] [--mode "
+                 "planar,axisymmetric,3d]\n"
               << "                        [--part cases|refinement|equivalence|all] [--quick]\n";
     std::exit(2);
 }
@@ -69,17 +70,20 @@ Options parse(int argc, char** argv) {
             for (const std::string& item : split(value())) {
                 char* end = nullptr;
                 const long r = std::strtol(item.c_str(), &end, 10);
-                if (item.empty() || *end != '\0' || r < 1 || r > 2000) usage("bad resolution '" + item + "'");
+                if (item.empty() || *end != '\0' || r < 1 || r > 2000)
+                    usage("bad resolution '" + item + "'");
                 o.resolutions.push_back(static_cast<int>(r));
             }
             if (o.resolutions.empty()) usage("--resolutions needs at least one value");
         } else if (arg == "--mode") {
             o.modes = split(value());
             for (const std::string& m : o.modes)
-                if (m != "planar" && m != "axisymmetric" && m != "3d") usage("unknown mode '" + m + "'");
+                if (m != "planar" && m != "axisymmetric" && m != "3d")
+                    usage("unknown mode '" + m + "'");
         } else if (arg == "--part") {
             o.part = value();
-            if (o.part != "cases" && o.part != "refinement" && o.part != "equivalence" && o.part != "all")
+            if (o.part != "cases" && o.part != "refinement" && o.part != "equivalence" &&
+                o.part != "all")
                 usage("unknown part '" + o.part + "'");
         } else if (arg == "--quick") {
             o.quick = true;
@@ -152,8 +156,9 @@ std::string number(double v) {
 }
 
 void printResult(int resolution, const CaseResult& r) {
-    std::printf("  res %4d  %10lld rays  %8.3f s  error %.3e (mesh %.3e, sampling %.3e)", resolution, r.rays,
-                r.seconds, r.maxError(), r.maxMeshError(), r.maxSamplingError());
+    std::printf("  res %4d  %10lld rays  %8.3f s  error %.3e (mesh %.3e, sampling %.3e)",
+                resolution, r.rays, r.seconds, r.maxError(), r.maxMeshError(),
+                r.maxSamplingError());
     if (r.worstClosure >= 0) std::printf("  closure %.1e", r.worstClosure);
     if (r.worstReciprocity >= 0) std::printf("  reciprocity %.1e", r.worstReciprocity);
     std::printf("\n");
@@ -171,7 +176,8 @@ public:
         if (!file.is_open()) {
             file.open(folder_ + "/" + name);
             if (!file) {
-                std::cerr << "hemiray_validate: cannot write " << folder_ << "/" << name << std::endl;
+                std::cerr << "hemiray_validate: cannot write " << folder_ << "/" << name
+                          << std::endl;
                 std::exit(1);
             }
             file << header << '\n';
@@ -207,24 +213,29 @@ int main(int argc, char** argv) {
         for (const auto& entry : cases()) {
             if (!selected(entry.mode)) continue;
             const Case c = entry.build(scale);
-            std::cout << c.mode << ", " << c.name << ": " << wallFaces(c.mesh->faces) << " faces" << std::endl;
+            std::cout << c.mode << ", " << c.name << ": " << wallFaces(c.mesh->faces) << " faces"
+                      << std::endl;
             for (int resolution : options.resolutions) {
                 const CaseResult r = evaluate(c, resolution);
                 tables("convergence.csv",
-                       "mode,case,resolution,directions,faces,rays,seconds,max_abs_error,max_rel_error,"
+                       "mode,case,resolution,directions,faces,rays,seconds,max_abs_error,max_rel_"
+                       "error,"
                        "mesh_error,sampling_error,closure,reciprocity")
-                    << c.mode << ",\"" << c.name << "\"," << resolution << ',' << directions(c, resolution)
-                    << ',' << wallFaces(c.mesh->faces) << ',' << r.rays << ',' << number(r.seconds) << ','
-                    << number(r.maxError()) << ',' << number(r.maxRelativeError()) << ','
-                    << number(r.maxMeshError()) << ',' << number(r.maxSamplingError()) << ','
-                    << number(r.worstClosure) << ',' << number(r.worstReciprocity) << '\n';
+                    << c.mode << ",\"" << c.name << "\"," << resolution << ','
+                    << directions(c, resolution) << ',' << wallFaces(c.mesh->faces) << ',' << r.rays
+                    << ',' << number(r.seconds) << ',' << number(r.maxError()) << ','
+                    << number(r.maxRelativeError()) << ',' << number(r.maxMeshError()) << ','
+                    << number(r.maxSamplingError()) << ',' << number(r.worstClosure) << ','
+                    << number(r.worstReciprocity) << '\n';
                 for (size_t k = 0; k < r.comparisons.size(); ++k) {
                     const Comparison& what = c.comparisons[k];
-                    tables("comparisons.csv", "mode,case,resolution,from,to,computed,analytic,reference")
+                    tables("comparisons.csv",
+                           "mode,case,resolution,from,to,computed,analytic,reference")
                         << c.mode << ",\"" << c.name << "\"," << resolution << ",\""
                         << c.surfaces[static_cast<size_t>(what.from)].name << "\",\""
                         << c.surfaces[static_cast<size_t>(what.to)].name << "\","
-                        << number(r.comparisons[k].computed) << ',' << number(r.comparisons[k].analytic) << ','
+                        << number(r.comparisons[k].computed) << ','
+                        << number(r.comparisons[k].analytic) << ','
                         << number(r.comparisons[k].reference) << '\n';
                 }
                 printResult(resolution, r);
@@ -241,12 +252,15 @@ int main(int argc, char** argv) {
             for (double factor : {0.5, 1.0, 2.0}) {
                 const Case c = entry.build(scale * factor);
                 const CaseResult r = evaluate(c, resolution);
-                std::cout << c.mode << ", " << c.name << ": " << wallFaces(c.mesh->faces) << " faces" << std::endl;
+                std::cout << c.mode << ", " << c.name << ": " << wallFaces(c.mesh->faces)
+                          << " faces" << std::endl;
                 tables("refinement.csv",
-                       "mode,case,resolution,faces,rays,seconds,max_abs_error,mesh_error,sampling_error")
-                    << c.mode << ",\"" << c.name << "\"," << resolution << ',' << wallFaces(c.mesh->faces)
-                    << ',' << r.rays << ',' << number(r.seconds) << ',' << number(r.maxError()) << ','
-                    << number(r.maxMeshError()) << ',' << number(r.maxSamplingError()) << '\n';
+                       "mode,case,resolution,faces,rays,seconds,max_abs_error,mesh_error,sampling_"
+                       "error")
+                    << c.mode << ",\"" << c.name << "\"," << resolution << ','
+                    << wallFaces(c.mesh->faces) << ',' << r.rays << ',' << number(r.seconds) << ','
+                    << number(r.maxError()) << ',' << number(r.maxMeshError()) << ','
+                    << number(r.maxSamplingError()) << '\n';
                 printResult(resolution, r);
             }
         }
@@ -260,16 +274,19 @@ int main(int argc, char** argv) {
             for (int resolution : options.resolutions) {
                 const EquivalenceResult r = compare(e, resolution);
                 tables("equivalence.csv",
-                       "mode,model,resolution,max_difference,full_closure,reduced_closure,full_seconds,"
+                       "mode,model,resolution,max_difference,full_closure,reduced_closure,full_"
+                       "seconds,"
                        "reduced_seconds,full_rays,reduced_rays")
-                    << e.mode << ",\"" << e.name << "\"," << resolution << ',' << number(r.maxDifference) << ','
-                    << number(r.fullClosure) << ',' << number(r.reducedClosure) << ','
-                    << number(r.fullSeconds) << ',' << number(r.reducedSeconds) << ',' << r.fullRays << ','
-                    << r.reducedRays << '\n';
-                std::printf("  res %4d  max |reduced - full| %.3e  closure full %.1e reduced %.1e"
-                            "  (%.3f s full, %.3f s reduced)\n",
-                            resolution, r.maxDifference, r.fullClosure, r.reducedClosure, r.fullSeconds,
-                            r.reducedSeconds);
+                    << e.mode << ",\"" << e.name << "\"," << resolution << ','
+                    << number(r.maxDifference) << ',' << number(r.fullClosure) << ','
+                    << number(r.reducedClosure) << ',' << number(r.fullSeconds) << ','
+                    << number(r.reducedSeconds) << ',' << r.fullRays << ',' << r.reducedRays
+                    << '\n';
+                std::printf(
+                    "  res %4d  max |reduced - full| %.3e  closure full %.1e reduced %.1e"
+                    "  (%.3f s full, %.3f s reduced)\n",
+                    resolution, r.maxDifference, r.fullClosure, r.reducedClosure, r.fullSeconds,
+                    r.reducedSeconds);
                 std::fflush(stdout);
             }
         }

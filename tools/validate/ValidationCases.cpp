@@ -9,8 +9,8 @@
 #include <ctime>
 #include <numbers>
 
-#include "validate/PointFactors.h"
 #include "validate/AnalyticViewFactors.h"
+#include "validate/PointFactors.h"
 
 namespace hemiray::validation {
 
@@ -108,13 +108,15 @@ double pointToWallBand(double x, double c, double d, double R) {
 
 // Rings of a disc at axial position x from radius 0 to r, one glob each from
 // firstGlob on (none when firstGlob is -1); facing +x, or -x when `facingMinusX`.
-void addDiscRings(CodeMesh& mesh, int32_t zone, int32_t firstGlob, double x, double r,
-                  int rings, bool facingMinusX) {
+void addDiscRings(CodeMesh& mesh, int32_t zone, int32_t firstGlob, double x, double r, int rings,
+                  bool facingMinusX) {
     for (int i = 0; i < rings; ++i) {
         const Vec3 inner(x, r * i / rings, 0), outer(x, r * (i + 1) / rings, 0);
         const int32_t glob = firstGlob < 0 ? -1 : firstGlob + i;
-        if (facingMinusX) mesh.addSegment(zone, glob, outer, inner);
-        else mesh.addSegment(zone, glob, inner, outer);
+        if (facingMinusX)
+            mesh.addSegment(zone, glob, outer, inner);
+        else
+            mesh.addSegment(zone, glob, inner, outer);
     }
 }
 
@@ -158,7 +160,8 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
 
     std::vector<char> wanted(static_cast<size_t>(globCount), 0);
     auto want = [&](int surface) {
-        for (int32_t g : c.surfaces[static_cast<size_t>(surface)].globs) wanted[static_cast<size_t>(g)] = 1;
+        for (int32_t g : c.surfaces[static_cast<size_t>(surface)].globs)
+            wanted[static_cast<size_t>(g)] = 1;
     };
     for (const Comparison& k : c.comparisons) want(k.from);
     if (c.closed)
@@ -167,7 +170,8 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
     std::vector<double> area(static_cast<size_t>(globCount), 0.0);
     for (int32_t f = 0; f < faces.faceCount(); ++f)
         if (faces.faceGlob[static_cast<size_t>(f)] >= 0)
-            area[static_cast<size_t>(faces.faceGlob[static_cast<size_t>(f)])] += physicalArea(faces, f);
+            area[static_cast<size_t>(faces.faceGlob[static_cast<size_t>(f)])] +=
+                physicalArea(faces, f);
 
     CaseResult result;
     std::vector<std::vector<double>> rows(static_cast<size_t>(globCount));
@@ -184,7 +188,8 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
 
     auto surfaceArea = [&](int s) {
         double a = 0;
-        for (int32_t g : c.surfaces[static_cast<size_t>(s)].globs) a += area[static_cast<size_t>(g)];
+        for (int32_t g : c.surfaces[static_cast<size_t>(s)].globs)
+            a += area[static_cast<size_t>(g)];
         return a;
     };
     auto hasRows = [&](int s) {
@@ -197,7 +202,8 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
         double sum = 0;
         for (int32_t g : c.surfaces[static_cast<size_t>(from)].globs)
             for (int32_t h : c.surfaces[static_cast<size_t>(to)].globs)
-                sum += area[static_cast<size_t>(g)] * rows[static_cast<size_t>(g)][static_cast<size_t>(h)];
+                sum += area[static_cast<size_t>(g)] *
+                       rows[static_cast<size_t>(g)][static_cast<size_t>(h)];
         return sum / surfaceArea(from);
     };
     auto reference = [&](int from, int to) {
@@ -212,12 +218,14 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
     };
 
     for (const Comparison& k : c.comparisons)
-        result.comparisons.push_back({surfaceFactor(k.from, k.to), k.analytic, reference(k.from, k.to)});
+        result.comparisons.push_back(
+            {surfaceFactor(k.from, k.to), k.analytic, reference(k.from, k.to)});
 
     if (c.closed) {
         result.worstClosure = 0;
         for (const auto& row : rows)
-            if (!row.empty()) result.worstClosure = std::max(result.worstClosure, std::abs(models::sum(row) - 1));
+            if (!row.empty())
+                result.worstClosure = std::max(result.worstClosure, std::abs(models::sum(row) - 1));
     }
     const int surfaceCount = static_cast<int>(c.surfaces.size());
     for (int s = 0; s < surfaceCount; ++s)
@@ -226,8 +234,9 @@ CaseResult evaluate(const Case& c, int resolution, uint32_t randomState) {
             const double forward = surfaceArea(s) * surfaceFactor(s, t);
             const double backward = surfaceArea(t) * surfaceFactor(t, s);
             if (forward <= 0 || backward <= 0) continue;
-            result.worstReciprocity = std::max(
-                result.worstReciprocity, std::abs(forward - backward) / (0.5 * (forward + backward)));
+            result.worstReciprocity =
+                std::max(result.worstReciprocity,
+                         std::abs(forward - backward) / (0.5 * (forward + backward)));
         }
     return result;
 }
@@ -243,7 +252,8 @@ Case parallelStrips(int n) {
     m.addSegment(wall, 1, Vec3(0, 1, 0), Vec3(1, 1, 0), n);  // normal -y
     m.finish();
     c.surfaces = {{"lower", {0}}, {"upper", {1}}};
-    const double f = analytic::crossedStrings(Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0));
+    const double f =
+        analytic::crossedStrings(Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), Vec3(1, 1, 0));
     c.comparisons = {{0, 1, f}, {1, 0, f}};
     c.pointFactor = summedOverFaces(c);
     return c;
@@ -280,7 +290,8 @@ Case closedPolygon(int n) {
         for (int j = 0; j < sides; ++j)
             if (i != j)
                 c.comparisons.push_back(
-                    {i, j, analytic::crossedStrings(v[i], v[(i + 1) % sides], v[(j + 1) % sides], v[j])});
+                    {i, j,
+                     analytic::crossedStrings(v[i], v[(i + 1) % sides], v[(j + 1) % sides], v[j])});
     c.closed = true;
     c.pointFactor = summedOverFaces(c);
     return c;
@@ -306,7 +317,9 @@ Case planarChannel(int n) {
     m.addSegment(periodic, -1, Vec3(1, 1, 0), Vec3(1, 0, 0), n);  // normal -x
     m.addSegment(shadow, -1, Vec3(0, 0, 0), Vec3(0, 1, 0), n);    // normal +x
     m.finish();
-    c.surfaces = {{"bottom [0, 0.4]", {0}}, {"bottom [0.4, 1]", {1}}, {"top [0, 0.3]", {2}},
+    c.surfaces = {{"bottom [0, 0.4]", {0}},
+                  {"bottom [0.4, 1]", {1}},
+                  {"top [0, 0.3]", {2}},
                   {"top [0.3, 1]", {3}}};
     struct Piece {
         double a, b, y;
@@ -319,13 +332,14 @@ Case planarChannel(int n) {
         const Piece& q = pieces[to];
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += analytic::crossedStrings(Vec3(p.a, p.y, 0), Vec3(p.b, p.y, 0), Vec3(q.a + k, q.y, 0),
-                                            Vec3(q.b + k, q.y, 0));
+            sum += analytic::crossedStrings(Vec3(p.a, p.y, 0), Vec3(p.b, p.y, 0),
+                                            Vec3(q.a + k, q.y, 0), Vec3(q.b + k, q.y, 0));
         return sum;
     };
     for (int from = 0; from < 4; ++from)
         for (int to = 0; to < 4; ++to)
-            if (pieces[from].y != pieces[to].y) c.comparisons.push_back({from, to, images(from, to)});
+            if (pieces[from].y != pieces[to].y)
+                c.comparisons.push_back({from, to, images(from, to)});
     c.closed = true;
     const CodeMesh* mesh = c.mesh.get();
     c.pointFactor = [mesh](int32_t face, int to) {
@@ -335,7 +349,8 @@ Case planarChannel(int n) {
         const Vec3 normal = unitNormal(mesh->faces, face);
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += analytic::pointToSegment(P, normal, Vec3(q.a + k, q.y, 0), Vec3(q.b + k, q.y, 0));
+            sum +=
+                analytic::pointToSegment(P, normal, Vec3(q.a + k, q.y, 0), Vec3(q.b + k, q.y, 0));
         return sum;
     };
     return c;
@@ -350,7 +365,8 @@ namespace {
 constexpr double discR1 = 1.0, discR2 = 0.8, discL = 0.6;
 
 Case coaxialDiscCase(int rings, bool oneGlob) {
-    Case c = makeCase("axisymmetric", oneGlob ? "coaxial discs (one glob per disc)" : "coaxial discs", 1);
+    Case c = makeCase("axisymmetric",
+                      oneGlob ? "coaxial discs (one glob per disc)" : "coaxial discs", 1);
     CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
     for (int i = 0; i < rings; ++i)
@@ -360,8 +376,10 @@ Case coaxialDiscCase(int rings, bool oneGlob) {
         m.addSegment(wall, oneGlob ? 1 : rings + i, Vec3(discL, discR2 * (i + 1) / rings, 0),
                      Vec3(discL, discR2 * i / rings, 0));  // normal -x
     m.finish();
-    if (oneGlob) c.surfaces = {{"disc 1", {0}}, {"disc 2", {1}}};
-    else c.surfaces = {{"disc 1", range(0, rings)}, {"disc 2", range(rings, rings)}};
+    if (oneGlob)
+        c.surfaces = {{"disc 1", {0}}, {"disc 2", {1}}};
+    else
+        c.surfaces = {{"disc 1", range(0, rings)}, {"disc 2", range(rings, rings)}};
     c.comparisons = {{0, 1, analytic::coaxialDisks(discR1, discR2, discL)},
                      {1, 0, analytic::coaxialDisks(discR2, discR1, discL)}};
     const CodeMesh* mesh = c.mesh.get();
@@ -376,8 +394,12 @@ Case coaxialDiscCase(int rings, bool oneGlob) {
 
 }  // namespace
 
-Case coaxialDiscs(int rings) { return coaxialDiscCase(rings, false); }
-Case coaxialDiscsOneGlob(int rings) { return coaxialDiscCase(rings, true); }
+Case coaxialDiscs(int rings) {
+    return coaxialDiscCase(rings, false);
+}
+Case coaxialDiscsOneGlob(int rings) {
+    return coaxialDiscCase(rings, true);
+}
 
 // A disc of radius 1 at x = 0 and the inside of the tube of radius 1 from x = 0 to
 // x = 1, open at its far end.
@@ -398,7 +420,8 @@ Case discToCylinder(int rings, int mantleFaces) {
         const Vec3& P = mesh->faces.faceCentroid[static_cast<size_t>(face)];
         const bool onDisc = mesh->faces.faceGlob[static_cast<size_t>(face)] < rings;
         if (onDisc) return to == 1 ? 1 - analytic::pointToParallelDisk(L, R, P[1]) : 0.0;
-        return to == 0 ? analytic::cylinderWallToCrossSection(P[0], R) : pointToWallBand(P[0], 0, L, R);
+        return to == 0 ? analytic::cylinderWallToCrossSection(P[0], R)
+                       : pointToWallBand(P[0], 0, L, R);
     };
     return c;
 }
@@ -413,10 +436,11 @@ Case closedCylinder(int rings, int mantleFaces) {
     m.addSegment(wall, rings, Vec3(0, R, 0), Vec3(L, R, 0), mantleFaces);
     addDiscRings(m, wall, rings + 1, L, R, rings, true);
     m.finish();
-    c.surfaces = {{"disc 0", range(0, rings)}, {"tube", {rings}}, {"disc 1", range(rings + 1, rings)}};
+    c.surfaces = {
+        {"disc 0", range(0, rings)}, {"tube", {rings}}, {"disc 1", range(rings + 1, rings)}};
     const double discs = analytic::coaxialDisks(R, R, L);
     const double tubeToDisc = R / (2 * L) * (1 - discs);
-    c.comparisons = {{0, 2, discs},      {0, 1, 1 - discs},      {1, 0, tubeToDisc},
+    c.comparisons = {{0, 2, discs},      {0, 1, 1 - discs},          {1, 0, tubeToDisc},
                      {1, 2, tubeToDisc}, {1, 1, 1 - 2 * tubeToDisc}, {2, 0, discs},
                      {2, 1, 1 - discs}};
     c.closed = true;
@@ -520,8 +544,7 @@ Case coaxialDiscs3d(int rings, int sectors) {
     Case c = makeCase("3d", "coaxial discs", 3);
     CodeMesh& m = *c.mesh;
     const int32_t wall = m.addZone(1);
-    const double scale =
-        std::sqrt(2 * pi / (sectors * std::sin(2 * pi / sectors)));
+    const double scale = std::sqrt(2 * pi / (sectors * std::sin(2 * pi / sectors)));
     auto addDisc = [&](int32_t glob, double radius, double z, bool facingDown) {
         auto at = [&](int ring, int sector) {
             const double r = scale * radius * ring / rings, phi = 2 * pi * sector / sectors;
@@ -532,8 +555,10 @@ Case coaxialDiscs3d(int rings, int sectors) {
                 const Vec3 a = at(i, j), b = at(i + 1, j), cc = at(i + 1, j + 1), d = at(i, j + 1);
                 // Counter-clockwise seen from +z: normal +z.
                 if (i == 0) {
-                    if (facingDown) m.addFace(wall, glob, {a, cc, b});
-                    else m.addFace(wall, glob, {a, b, cc});
+                    if (facingDown)
+                        m.addFace(wall, glob, {a, cc, b});
+                    else
+                        m.addFace(wall, glob, {a, b, cc});
                 } else if (facingDown) {
                     m.addFace(wall, glob, {a, d, cc, b});
                 } else {
@@ -566,7 +591,8 @@ Case sphere(int bands, int sectors) {
     };
     auto at = [&](int band, int sector) {
         const double theta = pi * band / bands, phi = 2 * pi * sector / sectors;
-        return Vec3(std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi), std::cos(theta));
+        return Vec3(std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
+                    std::cos(theta));
     };
     for (int i = 0; i < bands; ++i)
         for (int j = 0; j < sectors; ++j) {
@@ -574,15 +600,19 @@ Case sphere(int bands, int sectors) {
             const Vec3 a = at(i, j), b = at(i + 1, j), cc = at(i + 1, j + 1), d = at(i, j + 1);
             // a, b, c, d run counter-clockwise seen from outside; walked backwards the
             // normal points inwards.
-            if (i == 0) m.addFace(wall, glob, {a, cc, b});
-            else if (i == bands - 1) m.addFace(wall, glob, {a, d, b});
-            else m.addFace(wall, glob, {a, d, cc, b});
+            if (i == 0)
+                m.addFace(wall, glob, {a, cc, b});
+            else if (i == bands - 1)
+                m.addFace(wall, glob, {a, d, b});
+            else
+                m.addFace(wall, glob, {a, d, cc, b});
         }
     m.finish();
     for (int z = 0; z < 4; ++z) c.surfaces.push_back({"zone " + std::to_string(z), {z}});
     for (int from = 0; from < 4; ++from)
         for (int to = 0; to < 4; ++to) {
-            const double share = (std::cos(pi * edges[to] / bands) - std::cos(pi * edges[to + 1] / bands)) / 2;
+            const double share =
+                (std::cos(pi * edges[to] / bands) - std::cos(pi * edges[to + 1] / bands)) / 2;
             c.comparisons.push_back({from, to, share});
         }
     c.closed = true;
@@ -626,7 +656,7 @@ Case channel3d(int n) {
     const int32_t shadow = m.addZone(zoneTypePeriodicShadow);
     m.makeTranslational(periodic, Vec3(-1, 0, 0));
     m.makeTranslational(shadow, Vec3(1, 0, 0));
-    m.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), n, n);  // normal +z
+    m.addGrid(wall, 0, Vec3(0, 0, 0), Vec3(1, 0, 0), Vec3(0, 1, 0), n, n);             // normal +z
     m.addGrid(wall, 1, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(0.3, 0, 0), n, 3 * n / 10);  // -z
     m.addGrid(wall, 2, Vec3(0.3, 0, 1), Vec3(0, 1, 0), Vec3(0.7, 0, 0), n, 7 * n / 10);
     m.addGrid(periodic, -1, Vec3(1, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);  // normal -x
@@ -648,8 +678,9 @@ Case channel3d(int n) {
         constexpr int K = 200;  // images fall as 1/k^4
         double sum = 0;
         for (int k = -K; k <= K; ++k)
-            sum += analytic::pointToPolygon(P, normal, {Vec3(p.x0 + k, 0, p.z), Vec3(p.x1 + k, 0, p.z),
-                                                   Vec3(p.x1 + k, 1, p.z), Vec3(p.x0 + k, 1, p.z)});
+            sum += analytic::pointToPolygon(P, normal,
+                                            {Vec3(p.x0 + k, 0, p.z), Vec3(p.x1 + k, 0, p.z),
+                                             Vec3(p.x1 + k, 1, p.z), Vec3(p.x0 + k, 1, p.z)});
         return sum;
     };
     return c;
@@ -731,7 +762,8 @@ Equivalence planarRotational(int n) {
     e.reduced = std::make_unique<CodeMesh>(2);
     const int32_t fullWall = e.full->addZone(1);
     for (int k = 0; k < 12; ++k) e.full->addSegment(fullWall, k, outer[(k + 1) % 12], outer[k], n);
-    for (int k = 0; k < 12; ++k) e.full->addSegment(fullWall, 12 + k, inner[k], inner[(k + 1) % 12], n);
+    for (int k = 0; k < 12; ++k)
+        e.full->addSegment(fullWall, 12 + k, inner[k], inner[(k + 1) % 12], n);
     CodeMesh& r = *e.reduced;
     const int32_t wall = r.addZone(1);
     const int32_t periodic = r.addZone(zoneTypePeriodic);
@@ -797,18 +829,18 @@ Equivalence cubeMirror(int n) {
     // The left halves (x <= 0.5) and the wall x = 0, in both models: globs 0..4.
     for (CodeMesh* m : {e.full.get(), e.reduced.get()}) {
         const int32_t wall = m->addZone(1);
-        m->addGrid(wall, 0, Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(0, 0, 1), n, n);          // x = 0
-        m->addGrid(wall, 1, Vec3(0, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);     // y = 0
-        m->addGrid(wall, 2, Vec3(0, 1, 0), Vec3(0.5, 0, 0), Vec3(0, 0, 1), half, n);     // y = 1
-        m->addGrid(wall, 3, Vec3(0, 0, 0), Vec3(0.5, 0, 0), Vec3(0, 1, 0), half, n);     // z = 0
-        m->addGrid(wall, 4, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(0.5, 0, 0), n, half);     // z = 1
+        m->addGrid(wall, 0, Vec3(0, 0, 0), Vec3(0, 1, 0), Vec3(0, 0, 1), n, n);       // x = 0
+        m->addGrid(wall, 1, Vec3(0, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);  // y = 0
+        m->addGrid(wall, 2, Vec3(0, 1, 0), Vec3(0.5, 0, 0), Vec3(0, 0, 1), half, n);  // y = 1
+        m->addGrid(wall, 3, Vec3(0, 0, 0), Vec3(0.5, 0, 0), Vec3(0, 1, 0), half, n);  // z = 0
+        m->addGrid(wall, 4, Vec3(0, 0, 1), Vec3(0, 1, 0), Vec3(0.5, 0, 0), n, half);  // z = 1
     }
     CodeMesh& f = *e.full;
-    f.addGrid(0, 5, Vec3(1, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);            // x = 1
-    f.addGrid(0, 6, Vec3(0.5, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);     // y = 0
-    f.addGrid(0, 7, Vec3(0.5, 1, 0), Vec3(0.5, 0, 0), Vec3(0, 0, 1), half, n);     // y = 1
-    f.addGrid(0, 8, Vec3(0.5, 0, 0), Vec3(0.5, 0, 0), Vec3(0, 1, 0), half, n);     // z = 0
-    f.addGrid(0, 9, Vec3(0.5, 0, 1), Vec3(0, 1, 0), Vec3(0.5, 0, 0), n, half);     // z = 1
+    f.addGrid(0, 5, Vec3(1, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);         // x = 1
+    f.addGrid(0, 6, Vec3(0.5, 0, 0), Vec3(0, 0, 1), Vec3(0.5, 0, 0), n, half);  // y = 0
+    f.addGrid(0, 7, Vec3(0.5, 1, 0), Vec3(0.5, 0, 0), Vec3(0, 0, 1), half, n);  // y = 1
+    f.addGrid(0, 8, Vec3(0.5, 0, 0), Vec3(0.5, 0, 0), Vec3(0, 1, 0), half, n);  // z = 0
+    f.addGrid(0, 9, Vec3(0.5, 0, 1), Vec3(0, 1, 0), Vec3(0.5, 0, 0), n, half);  // z = 1
     const int32_t mirror = e.reduced->addZone(zoneTypeMirror);
     e.reduced->addGrid(mirror, -1, Vec3(0.5, 0, 0), Vec3(0, 0, 1), Vec3(0, 1, 0), n, n);  // -x
     f.finish();

@@ -110,7 +110,7 @@ struct Equivalence {
 
 struct EquivalenceResult {
     double maxDifference = 0;  // largest |reduced - sum of full images| over all entries
-    double fullClosure = 0;     // largest |row sum - 1|: both models are closed enclosures
+    double fullClosure = 0;    // largest |row sum - 1|: both models are closed enclosures
     double reducedClosure = 0;
     double fullSeconds = 0;
     double reducedSeconds = 0;
@@ -122,9 +122,9 @@ struct EquivalenceResult {
 // so the reduced model's rays are the full model's.
 [[nodiscard]] EquivalenceResult compare(const Equivalence& e, int resolution);
 
-Equivalence planarMirror(int n);      // a symmetric pentagon halved
-Equivalence planarRotational(int n);  // a ring of 12-gons, one third
+Equivalence planarMirror(int n);                             // a symmetric pentagon halved
+Equivalence planarRotational(int n);                         // a ring of 12-gons, one third
 Equivalence axisymmetricMirror(int rings, int mantleFaces);  // closed cylinder halved
-Equivalence cubeMirror(int n);        // the cube halved, n even
+Equivalence cubeMirror(int n);                               // the cube halved, n even
 
 }  // namespace hemiray::validation
