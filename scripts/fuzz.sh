@@ -62,7 +62,7 @@ fi
 status=0
 for target in "${targets[@]}"; do
   artifacts="$build/artifacts/$target"
-  mkdir -p "$artifacts"
+  mkdir -p "$artifacts" "fuzz/regressions/$target"
   log="$build/fuzz_$target.log"
   if ! "$build/fuzz/fuzz_$target" -max_total_time="$seconds" -rss_limit_mb=2048 \
       -max_len=65536 -print_final_stats=1 -artifact_prefix="$artifacts/" \
