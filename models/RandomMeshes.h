@@ -304,7 +304,12 @@ struct Ray {
 inline Vec3 randomUnit(Rng& rng, bool planar) {
     std::normal_distribution<double> gauss;
     for (;;) {
-        Vec3 d(gauss(rng), gauss(rng), planar ? 0.0 : gauss(rng));
+        // Drawn in a fixed order (z, y, x), not in the compiler's order of
+        // argument evaluation, so that every compiler makes the same rays.
+        const double z = planar ? 0.0 : gauss(rng);
+        const double y = gauss(rng);
+        const double x = gauss(rng);
+        const Vec3 d(x, y, z);
         const double len = norm(d);
         if (len > 1e-3) return d * (1.0 / len);
     }

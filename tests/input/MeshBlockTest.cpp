@@ -40,7 +40,7 @@ struct Bytes {
 };
 
 // Head offsets, from the layout table.
-constexpr size_t atDimension = 16, atTag = 20, atTotalBytes = 88, atReserved = 116;
+constexpr size_t atTag = 20, atTotalBytes = 88, atReserved = 116;
 constexpr size_t countOffsets[] = {96, 100, 104, 108, 112};  // nodes .. periodic pairs
 
 // The sample model, a planar unit square:
