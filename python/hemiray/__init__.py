@@ -359,9 +359,9 @@ def view_factors(model, resolution=None, threads=None, sampling="team", seed=0,
         normal by the library's per-thread generators, started afresh for every
         call; rows are reproducible for a given thread count and equal those of
         the hemiray tool run with it. "per-face": each face draws its turn from a
-        stream keyed by (seed, face), so rows depend on nothing of the schedule and
+        stream keyed by (key, face), so rows depend on nothing of the schedule and
         equal `hemiray run --sampling per-face --seed SEED` on any thread count.
-    seed: the key of per-face sampling (a whole number from 0 to 2^64 - 1).
+    seed: that key, a whole number from 0 to 2^64 - 1 (the name matches the tool's option).
     progress: print the library's console lines.
     """
     if sampling not in ("team", "default", "per-face"):
