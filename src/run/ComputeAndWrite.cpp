@@ -251,9 +251,9 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
 
     std::atomic<int64_t> nextUnit[2] = {0, 0};
     std::exception_ptr writeError;
-    // Part 0's share of the next window: the share that would have let it finish
-    // the last one with the others, given the time its first thread spent adding
-    // rays and writing instead of tracing.
+    // The first part's share of the next window (rank 0 under MPI): the share that would have let
+    // it finish the last one with the others, given the time its first thread spent adding rays and
+    // writing instead of tracing.
     int32_t rootUnits = UnitDeal::fullShare;
     int32_t postedRootUnits = rootUnits, agreedRootUnits = rootUnits;
     bool postedStop = false;
