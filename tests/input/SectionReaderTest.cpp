@@ -5,13 +5,10 @@
 // "file i/o error: ..." line and exit status 1.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -106,7 +103,9 @@ TEST(MeshSections, ReadsEverySectionKindIntoTheModel) {
 }
 
 TEST(MeshSections, SequenceEndsQuietlyWhereNoSectionStarts) {
-    for (const char* text : {"", "   \n\t", "end", ")"}) {
+    // Random text of every kind is the model_text fuzz target's work (fuzz/).
+    for (const std::string& text : {std::string(), std::string("   \n\t"), std::string("end"),
+                                     std::string(")"), std::string("\x00\xff\x80(10", 6)}) {
         Mesh mesh;
         mesh.read(text);
         EXPECT_TRUE(mesh.nodes.empty() && mesh.allFaces.faceCount() == 0 &&
@@ -272,40 +271,6 @@ TEST(MeshSectionsDeathTest, EveryTruncationEndsInAnErrorOrACleanStop) {
             EXPECT_EXIT(mesh.read(prefix), ExitedWithCode(1), "^file i/o error: [a-zA-Z ']+\n$")
                 << "prefix length " << length;
         }
-    }
-}
-
-TEST(MeshSectionsDeathTest, BinaryGarbageEndsInADefinedWay) {
-    Mesh mesh;
-    mesh.read(std::string("\x00\xff\x80(10", 6));
-    EXPECT_TRUE(mesh.nodes.empty());
-
-    // Seeded random text: section openings and number-like tokens mixed with raw
-    // bytes, so that the readers get past their headers. Each run must end either
-    // cleanly with nothing printed or with exactly one input error line.
-    const auto cleanOrInputError = [](int status) {
-        return WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 1);
-    };
-    const char* tokens[] = {"(", ")", "(10 ", "(311 ", "(309 ",    "(18 ", "(308 ", " ",   "1",
-                            "2", "3", "-1",   "a",     "7fffffff", "0.5",  "\n",    "2012"};
-    std::mt19937 random(20240611);
-    for (int trial = 0; trial < 200; ++trial) {
-        std::string text;
-        const int pieces = 1 + static_cast<int>(random() % 60);
-        for (int p = 0; p < pieces; ++p) {
-            if (random() % 4 == 0)
-                text += static_cast<char>(random() % 256);
-            else
-                text += tokens[random() % std::size(tokens)];
-        }
-        Mesh fresh;
-        EXPECT_EXIT(
-            {
-                fresh.read(text);
-                std::exit(0);
-            },
-            cleanOrInputError, "^(file i/o error: [a-zA-Z ']+\n)?$")
-            << "trial " << trial;
     }
 }
 
