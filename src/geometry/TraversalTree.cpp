@@ -498,15 +498,16 @@ void TraversalTree::splitsPerAxis(int32_t splits[3]) const {
     }
 }
 
-bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& tExit) const {
+bool clipToBox(int32_t dimension, int32_t axisCount, const Vec3& boxMin, const Vec3& boxMax,
+               const Vec3& O, const Vec3& D, double& tEnter, double& tExit) {
     tEnter = -dblMax;
     tExit = dblMax;
-    for (int32_t i = 0; i < axisCount_; ++i) {
-        if (dimension_ == 1 && i == 1) {
+    for (int32_t i = 0; i < axisCount; ++i) {
+        if (dimension == 1 && i == 1) {
             // The radial axis is the cylinder of the box's outer radius; it clips
             // only a ray that crosses it twice and rejects none.
             double roots[2];
-            if (RayData(O, D, true).crossCylinder(boxMax_.v[1], roots) == 2) {
+            if (RayData(O, D, true).crossCylinder(boxMax.v[1], roots) == 2) {
                 tEnter = std::max(tEnter, roots[0]);
                 tExit = std::min(tExit, roots[1]);
             }
@@ -515,10 +516,10 @@ bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& t
         const double o = O.v[i];
         const double d = D.v[i];
         if (d == 0) {
-            if (o < boxMin_.v[i] || o > boxMax_.v[i]) return false;
+            if (o < boxMin.v[i] || o > boxMax.v[i]) return false;
         } else {
-            const double t1 = raymath::safeDivide(boxMin_.v[i] - o, d);
-            const double t2 = raymath::safeDivide(boxMax_.v[i] - o, d);
+            const double t1 = raymath::safeDivide(boxMin.v[i] - o, d);
+            const double t2 = raymath::safeDivide(boxMax.v[i] - o, d);
             if (d > 0) {
                 tEnter = std::max(tEnter, t1);
                 tExit = std::min(tExit, t2);
@@ -530,6 +531,10 @@ bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& t
         if (tExit < 0 || tExit < tEnter) return false;
     }
     return true;
+}
+
+bool TraversalTree::clip(const Vec3& O, const Vec3& D, double& tEnter, double& tExit) const {
+    return clipToBox(dimension_, axisCount_, boxMin_, boxMax_, O, D, tEnter, tExit);
 }
 
 // The recursion of traversePlanar / traverseAxisymmetric as a loop: where the

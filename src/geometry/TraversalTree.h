@@ -56,6 +56,14 @@ struct ConeRecord {
     Kind kind;
 };
 
+// Where a ray is inside the box [boxMin, boxMax] over its first axisCount axes, in
+// axisymmetric runs (dimension 1) with the box's outer cylinder about x as the second
+// axis: [tEnter, tExit], false when it misses the box. The cylinder clips only a ray
+// that crosses it twice and rejects none.
+[[nodiscard]] bool clipToBox(int32_t dimension, int32_t axisCount, const Vec3& boxMin,
+                             const Vec3& boxMax, const Vec3& O, const Vec3& D, double& tEnter,
+                             double& tExit);
+
 class TraversalTree {
 public:
     // Copies the tree below root and the faces its leaves list. The face set that
@@ -74,7 +82,7 @@ public:
     // Per axis, the most splits on that axis along any path from the root to a leaf.
     void splitsPerAxis(int32_t splits[3]) const;
 
-    // clipToRootBox on the copied root box.
+    // clipToBox on the copied root box.
     [[nodiscard]] bool clip(const Vec3& O, const Vec3& D, double& tEnter, double& tExit) const;
     // The nearest hit in [tmin, tmax] from the root, as traversePlanar (modes 2 and
     // 3) or traverseAxisymmetric (mode 1); hitPoint and hitFace written only on a hit.

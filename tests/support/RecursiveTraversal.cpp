@@ -6,6 +6,7 @@
 
 #include "geometry/RayMath.h"
 #include "geometry/RayTraversal.h"
+#include "geometry/TraversalTree.h"
 
 namespace hemiray {
 
@@ -25,38 +26,7 @@ inline int cylinderRoots(const Vec3& O, const Vec3& D, double R, double roots[2]
 
 bool clipToRootBox(const BspNode& root, const Vec3& O, const Vec3& D, double& tEnter,
                    double& tExit) {
-    tEnter = -dblMax;
-    tExit = dblMax;
-    for (int32_t i = 0; i < root.axisCount; ++i) {
-        if (root.dimension == 1 && i == 1) {
-            // The radial axis is the cylinder of the box's outer radius. A ray that
-            // misses it or runs parallel to the axis is not clipped by it, and the
-            // interval is not tested for emptiness afterwards.
-            double roots[2];
-            if (cylinderRoots(O, D, root.boxMax.v[1], roots) == 2) {
-                tEnter = std::max(tEnter, roots[0]);
-                tExit = std::min(tExit, roots[1]);
-            }
-            continue;
-        }
-        const double o = O.v[i];
-        const double d = D.v[i];
-        if (d == 0) {
-            if (o < root.boxMin.v[i] || o > root.boxMax.v[i]) return false;
-        } else {
-            const double t1 = safeDivide(root.boxMin.v[i] - o, d);
-            const double t2 = safeDivide(root.boxMax.v[i] - o, d);
-            if (d > 0) {
-                tEnter = std::max(tEnter, t1);
-                tExit = std::min(tExit, t2);
-            } else if (d < 0) {
-                tEnter = std::max(tEnter, t2);
-                tExit = std::min(tExit, t1);
-            }
-        }
-        if (tExit < 0 || tExit < tEnter) return false;
-    }
-    return true;
+    return clipToBox(root.dimension, root.axisCount, root.boxMin, root.boxMax, O, D, tEnter, tExit);
 }
 
 namespace {
