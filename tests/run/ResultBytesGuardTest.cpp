@@ -347,9 +347,7 @@ TEST_P(TraceGuard, HitsKeepEveryBit) {
         Fnv1a hash;
         for (const meshes::Ray& ray : rays) {
             double tEnter = 0, tExit = 0;
-            const bool entered =
-                throughFlatCopy ? flat.clip(ray.origin, ray.direction, tEnter, tExit)
-                                : clipToRootBox(root, ray.origin, ray.direction, tEnter, tExit);
+            const bool entered = flat.clip(ray.origin, ray.direction, tEnter, tExit);
             hash.value(int64_t{entered});
             if (!entered) continue;
             hash.value(tEnter);
