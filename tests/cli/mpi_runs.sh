@@ -90,4 +90,11 @@ for ranks_victim in 2:0 2:1 1:0; do
   [[ $(sha256sum big.msh big.vf) == "$before" ]] || die "rank $victim killed: files changed"
   [[ $(partials) -eq 0 ]] || die "rank $victim killed: a partial file is left"
 done
+# Under srun, where a SLURM cluster answers (scripts/slurm-local.sh starts one).
+if command -v srun > /dev/null && timeout 10 sinfo -h > /dev/null 2>&1 && srun --mpi=list 2>&1 | grep -q pmix; then
+  srun --mpi=pmix -n 3 -O "$cli" run m.msh -o srun.vf --threads 2 > /dev/null
+  cmp one-6.vf srun.vf || die "srun, 3 tasks x 2 threads"
+  if srun --mpi=none -n 2 -O "$cli" run m.msh -o none.vf 2> err; then die "srun --mpi=none ran"; fi
+  [[ $(grep -c 'tasks of a SLURM step without MPI' err) -eq 1 && ! -e none.vf ]] || die "srun --mpi=none: $(cat err)"
+fi
 echo "all MPI runs passed"
