@@ -20,15 +20,29 @@ const char* launcherValue(const char* const* names) {
     return nullptr;
 }
 
+const char* const launcherSizes[] = {"OMPI_COMM_WORLD_SIZE", "PMI_SIZE", "PMIX_SIZE", nullptr};
+const char* const launcherRanks[] = {"OMPI_COMM_WORLD_RANK", "PMI_RANK", "PMIX_RANK", nullptr};
+
 }  // namespace
+
+std::optional<int> refuseTasksWithoutMpi() {
+    if (launcherValue(launcherSizes) || launcherValue(launcherRanks)) return std::nullopt;
+    // Set by srun for each task of a step; a batch script itself has no step size.
+    const char* tasks = std::getenv("SLURM_STEP_NUM_TASKS");
+    const char* task = std::getenv("SLURM_PROCID");
+    if (!tasks || !task || std::atol(tasks) <= 1) return std::nullopt;
+    if (std::strcmp(task, "0") == 0)
+        std::cerr << "hemiray: started as one of " << tasks
+                  << " tasks of a SLURM step without MPI; use srun --mpi=pmix (or one task)"
+                  << std::endl;
+    return 1;
+}
 
 std::optional<int> handOverToMpiRun(int argc, char** argv) {
     if (argc < 2 || std::strcmp(argv[1], "run") != 0) return std::nullopt;
-    static const char* const sizes[] = {"OMPI_COMM_WORLD_SIZE", "PMI_SIZE", "PMIX_SIZE", nullptr};
-    static const char* const ranks[] = {"OMPI_COMM_WORLD_RANK", "PMI_RANK", "PMIX_RANK", nullptr};
-    const char* size = launcherValue(sizes);
-    const char* rank = launcherValue(ranks);
-    if (!size && !rank) return std::nullopt;
+    const char* size = launcherValue(launcherSizes);
+    const char* rank = launcherValue(launcherRanks);
+    if (!size && !rank) return refuseTasksWithoutMpi();
 
     std::error_code ec;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);

@@ -12,4 +12,10 @@ namespace hemiray {
 // status after a "hemiray: " line.
 std::optional<int> handOverToMpiRun(int argc, char** argv);
 
+// Under srun without an MPI plugin (srun --mpi=none, SLURM's default) each task
+// would compute the whole model alone and all would write the same result. Such a
+// step of several tasks is refused: task 0 says why and every task gets the exit
+// status. Nothing otherwise.
+std::optional<int> refuseTasksWithoutMpi();
+
 }  // namespace hemiray

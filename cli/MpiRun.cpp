@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "MpiLaunch.h"
 #include "RunNames.h"
 #include "input/SectionReader.h"
 #include "output/ReplacementFile.h"
@@ -345,6 +346,8 @@ int parseAndRun(Job& job, int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before MPI starts, which would fail in every task, or run each alone.
+    if (const auto status = refuseTasksWithoutMpi()) return *status;
     int provided = 0;
     MPI_Init_thread(&argc, &argv, MPI_THREAD_FUNNELED, &provided);
     int rank = 0, size = 1;

@@ -92,11 +92,13 @@ int compareFiles(const H5FD_t* a, const H5FD_t* b) {
     return 0;
 }
 
+// Not H5FD_FEAT_POSIX_COMPAT_HANDLE: with it HDF5 resolves a linked file name to
+// its real path, which an unnamed partial file (opened by its /proc name) lacks.
 herr_t queryFeatures(const H5FD_t*, unsigned long* flags) {
     if (flags)
         *flags = H5FD_FEAT_AGGREGATE_METADATA | H5FD_FEAT_ACCUMULATE_METADATA |
                  H5FD_FEAT_DATA_SIEVE | H5FD_FEAT_AGGREGATE_SMALLDATA |
-                 H5FD_FEAT_POSIX_COMPAT_HANDLE | H5FD_FEAT_DEFAULT_VFD_COMPATIBLE;
+                 H5FD_FEAT_DEFAULT_VFD_COMPATIBLE;
     return 0;
 }
 

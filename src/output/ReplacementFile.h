@@ -19,7 +19,10 @@ namespace hemiray {
 
 // Creates an empty file in the target's directory (so that the final move is a
 // rename within one file system), exclusively, so that nothing is clobbered.
-// Returns its name, or an empty string when no file can be created there.
+// Where the file system allows, the file has no name in the directory until it is
+// published (its name is then a /proc name of its descriptor), so that even a
+// process killed outright leaves nothing behind. Returns the name to open, or an
+// empty string when no file can be created there.
 [[nodiscard]] std::string createPartialFile(const std::string& target);
 
 // Gives the finished partial file the permissions of the file it replaces (or the
@@ -35,7 +38,8 @@ void removePartialFile(const std::string& partial);
 // (an MPI job whose other rank died) leaves nothing of its result behind.
 void removePartialFilesNow();
 
-// The partial files of this process that are neither published nor removed yet.
+// The partial files of this process that are neither published nor removed yet
+// and have a name in their directory.
 std::vector<std::string> pendingPartialFiles();
 
 }  // namespace hemiray

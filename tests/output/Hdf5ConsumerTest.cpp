@@ -33,7 +33,7 @@ TEST(Hdf5Consumer, TargetIsReplacedOnlyByACommittedResult) {
         auto dropped = consumer.startResult(target);
         ASSERT_NE(dropped, nullptr);
         dropped->writer().beginRows({}, 0);
-        EXPECT_EQ(fileCount(dir.path()), 2u);  // the target and the partial file beside it
+        EXPECT_EQ(fileCount(dir.path()), 1u);  // the target: the partial file has no name yet
     }
     EXPECT_EQ(readFile(target), "user model");
     EXPECT_EQ(fileCount(dir.path()), 1u);
