@@ -102,7 +102,8 @@ TEST_P(ClosedEnclosure, BecomesExactlyClosedAndReciprocalAndCloserToTheExactFact
 
 INSTANTIATE_TEST_SUITE_P(Models, ClosedEnclosure,
                          ::testing::Values(ClosedCase{"cube", 3, 6}, ClosedCase{"cube", 2, 12},
-                                           ClosedCase{"sphere", 2, 6}, ClosedCase{"room-empty", 3, 8}));
+                                           ClosedCase{"sphere", 2, 6},
+                                           ClosedCase{"room-empty", 3, 8}));
 
 // A doubled factor is a fault, not sampling: the band flags that pair and its row
 // sum, and little else.

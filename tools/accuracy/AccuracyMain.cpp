@@ -94,8 +94,8 @@ Study sphere(int facesPerGlob) {
     CodeMesh& m = *s.mesh;
     const int32_t wall = m.addZone(1);
     const double g = (1 + std::sqrt(5.0)) / 2;
-    const Vec3 v[12] = {{-1, g, 0}, {1, g, 0}, {-1, -g, 0}, {1, -g, 0}, {0, -1, g}, {0, 1, g},
-                        {0, -1, -g}, {0, 1, -g}, {g, 0, -1}, {g, 0, 1}, {-g, 0, -1}, {-g, 0, 1}};
+    const Vec3 v[12] = {{-1, g, 0},  {1, g, 0},  {-1, -g, 0}, {1, -g, 0}, {0, -1, g},  {0, 1, g},
+                        {0, -1, -g}, {0, 1, -g}, {g, 0, -1},  {g, 0, 1},  {-g, 0, -1}, {-g, 0, 1}};
     // Counter-clockwise seen from outside; the faces are added the other way round.
     const int ico[20][3] = {{0, 11, 5}, {0, 5, 1},  {0, 1, 7},   {0, 7, 10}, {0, 10, 11},
                             {1, 5, 9},  {5, 11, 4}, {11, 10, 2}, {10, 7, 6}, {7, 1, 8},
@@ -121,7 +121,8 @@ Study sphere(int facesPerGlob) {
         self(self, {c, b, t[2]}, level + 1, glob);
         self(self, {a, b, c}, level + 1, glob);
     };
-    for (const auto& f : ico) split(split, {onSphere(v[f[0]]), onSphere(v[f[1]]), onSphere(v[f[2]])}, 0, 0);
+    for (const auto& f : ico)
+        split(split, {onSphere(v[f[0]]), onSphere(v[f[1]]), onSphere(v[f[2]])}, 0, 0);
     m.finish();
     // Face-to-face factors are the same for every glob size: computed once.
     static std::vector<std::vector<double>> faceFactors;
@@ -130,7 +131,8 @@ Study sphere(int facesPerGlob) {
         for (size_t i = 0; i < faces; ++i) {
             faceFactors.emplace_back(faces, 0.0);
             for (size_t j = 0; j < faces; ++j)
-                if (i != j) faceFactors[i][j] = accuracy::triangleFactor(triangles[i], triangles[j]);
+                if (i != j)
+                    faceFactors[i][j] = accuracy::triangleFactor(triangles[i], triangles[j]);
         }
     const int32_t n = m.globCount();
     std::vector<double> area(faces), globArea(static_cast<size_t>(n), 0.0);
@@ -333,7 +335,8 @@ double symmetricShare(const repair::CsrMatrix& F, const std::vector<std::vector<
     const size_t n = exact.size();
     std::vector<std::vector<double>> e(n, std::vector<double>(n, 0.0));
     for (size_t i = 0; i < n; ++i) {
-        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k) e[i][F.columns[k]] = F.values[k];
+        for (int64_t k = F.rowStart[i]; k < F.rowStart[i + 1]; ++k)
+            e[i][F.columns[k]] = F.values[k];
         for (size_t j = 0; j < n; ++j) e[i][j] = area[i] * (e[i][j] - exact[i][j]);
     }
     double sym = 0, anti = 0;
@@ -375,15 +378,16 @@ int main(int argc, char** argv) {
             bins << "mode,faces_per_glob,resolution,decade,pairs,mean_factor,mean_error\n";
         } else {
             std::cerr
-                << "usage: hemiray_accuracy [--resolutions 4,8] [--sizes 1,4] [--mode 3d,planar] [--bins F] [--state K]\n";
+                << "usage: hemiray_accuracy [--resolutions 4,8] [--sizes 1,4] [--mode 3d,room]"
+                   " [--bins F] [--state K]\n";
             return 2;
         }
     }
     std::printf(
         "mode,faces_per_glob,globs,resolution,rays,seconds,mean_error,max_error,mean_row_error,"
         "max_row_error,reciprocity,repaired_mean_error,repaired_max_error,repaired_mean_row_error,"
-        "repaired_max_row_error,weighted_mean_error,weighted_max_error,exact_closure,exact_reciprocity,"
-        "closed_form_gap,symmetric_share\n");
+        "repaired_max_row_error,weighted_mean_error,weighted_max_error,"
+        "exact_closure,exact_reciprocity,closed_form_gap,symmetric_share\n");
     for (const std::string mode : {"3d", "planar", "axisymmetric", "sphere", "room"}) {
         if (modes.find(mode) == std::string::npos) continue;
         for (const int size : sizes) {
@@ -434,7 +438,8 @@ int main(int argc, char** argv) {
                     return 1;
                 }
                 const Errors before = compare(F, s.exact), after = compare(repaired, s.exact);
-                if (bins.is_open() && mode != "sphere" && mode != "room") writeBins(bins, mode, size, R, F, s.exact);
+                if (bins.is_open() && mode != "sphere" && mode != "room")
+                    writeBins(bins, mode, size, R, F, s.exact);
                 // Each side's estimate weighted by its inverse variance under the law
                 // that scripts/accuracy_report.py fits to this study.
                 const cli::ErrorLaw law = cli::errorLaw(m.faces.dimension);
@@ -456,8 +461,7 @@ int main(int argc, char** argv) {
                     before.meanFactor, before.maxFactor, before.meanRowSum, before.maxRowSum,
                     report.before.weightedReciprocity, after.meanFactor, after.maxFactor,
                     after.meanRowSum, after.maxRowSum, byLaw.meanFactor, byLaw.maxFactor,
-                    exactClosure, exactReciprocity, gap,
-                    symmetricShare(F, s.exact, area));
+                    exactClosure, exactReciprocity, gap, symmetricShare(F, s.exact, area));
                 std::fflush(stdout);
             }
         }

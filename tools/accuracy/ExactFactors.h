@@ -153,7 +153,8 @@ inline double triangleFactor(const Triangle& from, const Triangle& to, int depth
         if (level < depth && near < 3 * size) {
             const Vec3 m01 = (t[0] + t[1]) * 0.5, m12 = (t[1] + t[2]) * 0.5,
                        m20 = (t[2] + t[0]) * 0.5;
-            return self(self, {t[0], m01, m20}, level + 1) + self(self, {m01, t[1], m12}, level + 1) +
+            return self(self, {t[0], m01, m20}, level + 1) +
+                   self(self, {m01, t[1], m12}, level + 1) +
                    self(self, {m20, m12, t[2]}, level + 1) + self(self, {m01, m12, m20}, level + 1);
         }
         auto at = [&](double x, double y, double z) {
