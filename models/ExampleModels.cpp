@@ -218,6 +218,7 @@ const std::vector<ExampleCase>& exampleCases() {
         {"plates-periodic", "3D: the plates repeated endlessly in x by a translational pair"},
         {"room", "3D: a closed 4 x 3 x 2.5 room with a box obstacle"},
         {"room-mirror", "3D: the room halved at x = 2 by a mirror plane"},
+        {"room-empty", "3D: the room without its obstacle"},
         {"sphere", "3D: the inside of a unit sphere (triangles)"},
         {"cube", "3D: the inside of a unit cube"},
         {"cylinder", "axisymmetric: a closed cylinder of radius 1 and length 2 with its end disks"},
@@ -244,6 +245,8 @@ bool makeExample(const std::string& name, int n, int resolution, Model& model) {
         room(b, n, false);
     else if (name == "room-mirror")
         room(b, n, true);
+    else if (name == "room-empty")
+        box(b, {0, 0, 0}, {4, 3, 2.5}, n, true);
     else if (name == "sphere")
         sphere(b, n);
     else if (name == "cube")

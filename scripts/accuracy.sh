@@ -4,7 +4,7 @@
 # 4, 16 and 64 faces in the three modes, before and after repair, keeps the CSV
 # tables in docs/accuracy-data/ and rewrites the document's generated tables. It
 # prints the fitted error laws; cli/ErrorBands.cpp holds them as constants.
-# About 35 s of CPU.
+# About 2 minutes of CPU.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -24,8 +24,8 @@ double meanError(const CsrMatrix& F, const std::vector<std::vector<double>>& exa
     return sum / double(count);
 }
 
-// Exact factors of a cube whose globs are single axis-aligned quads, from the
-// quads' corners.
+// Exact factors of a box (cube, empty room) whose globs are single axis-aligned
+// quads, from the quads' corners.
 std::vector<std::vector<double>> cubeFactors(const cli::ResultFile& r) {
     const FaceSet& faces = r.participatingFaces;
     std::vector<accuracy::Rectangle> rects(static_cast<size_t>(r.sizes.globCount));
@@ -96,13 +96,14 @@ TEST_P(ClosedEnclosure, BecomesExactlyClosedAndReciprocalAndCloserToTheExactFact
     const Residuals after = measureResiduals(repaired, area, active, Enclosure::closed);
     EXPECT_LT(after.worstClosure, 1e-12);
     EXPECT_LT(after.worstReciprocity, 1e-12);
-    const auto exact = std::string(c.model) == "cube" ? cubeFactors(result) : sphereFactors(area);
+    const auto exact = std::string(c.model) == "sphere" ? sphereFactors(area) : cubeFactors(result);
     EXPECT_LT(meanError(repaired, exact), meanError(F, exact));
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, ClosedEnclosure,
                          ::testing::Values(ClosedCase{"cube", 3, 6}, ClosedCase{"cube", 2, 12},
-                                           ClosedCase{"sphere", 2, 6}));
+                                           ClosedCase{"sphere", 2, 6},
+                                           ClosedCase{"room-empty", 3, 8}));
 
 // A doubled factor is a fault, not sampling: the band flags that pair and its row
 // sum, and little else.

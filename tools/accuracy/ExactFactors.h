@@ -1,10 +1,12 @@
 // Exact surface-to-surface view factors for the accuracy study's enclosures: axis-
 // aligned rectangles on the sides of a box (Ehlert and Smith's corner sums), collinear
 // pieces of a convex polygon (crossed strings), and coaxial bands and rings of a
-// closed cylinder (disc-to-disc algebra).
+// closed cylinder (disc-to-disc algebra), and flat triangles of a convex polyhedron
+// (the contour form from a point, integrated over the source triangle).
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 
@@ -105,6 +107,65 @@ inline double ringThroughDisc(double r1, double r2, double a, double h) {
         return std::numbers::pi * r * r * std::min(1.0, analytic::coaxialDisks(r, a, h));
     };
     return disc(r2) - disc(r1);
+}
+
+using Triangle = std::array<Vec3, 3>;
+
+// F from an element at p with unit normal n to a polygon wholly in front of it
+// (nothing in between): (1/2π) |Σ_k θ_k n·(a_k × a_k+1)/|a_k × a_k+1||, a_k the
+// vectors to its corners and θ_k the angle between consecutive ones (Hottel and
+// Sarofim's contour form).
+inline double pointToTriangle(const Vec3& p, const Vec3& n, const Triangle& t) {
+    double sum = 0;
+    for (int k = 0; k < 3; ++k) {
+        const Vec3 a = t[k] - p, b = t[(k + 1) % 3] - p;
+        const Vec3 c = cross(a, b);
+        const double s = norm(c);
+        if (s > 0) sum += std::atan2(s, dot(a, b)) * dot(n, c) / s;
+    }
+    return std::abs(sum) / (2 * std::numbers::pi);
+}
+
+inline double distanceToSegment(const Vec3& p, const Vec3& a, const Vec3& b) {
+    const Vec3 d = b - a;
+    const double t = std::clamp(dot(p - a, d) / dot(d, d), 0.0, 1.0);
+    return norm(p - (a + d * t));
+}
+
+// F between two faces of a convex polyhedron (they see each other whole): the point
+// form integrated over `from` by a degree-5 rule on sub-triangles, split four ways
+// wherever a sub-triangle lies within three of its sizes of `to`'s edges (down to
+// 4^-depth of the face), so that shared edges and corners, where the point form
+// loses its smoothness, are resolved.
+inline double triangleFactor(const Triangle& from, const Triangle& to, int depth = 7) {
+    const Vec3 normal = cross(from[1] - from[0], from[2] - from[0]);
+    const Vec3 n = normal * (1 / norm(normal));
+    const double r15 = std::sqrt(15.0);
+    // Radon's seven points: barycentric (a, b, b) and its turns, weights sum to 1.
+    const double a1 = (9 - 2 * r15) / 21, b1 = (6 + r15) / 21, w1 = (155 + r15) / 1200;
+    const double a2 = (9 + 2 * r15) / 21, b2 = (6 - r15) / 21, w2 = (155 - r15) / 1200;
+    auto integral = [&](auto& self, const Triangle& t, int level) -> double {
+        const Vec3 centre = (t[0] + t[1] + t[2]) * (1.0 / 3);
+        const double size = std::max({norm(t[1] - t[0]), norm(t[2] - t[1]), norm(t[0] - t[2])});
+        double near = 1e300;
+        for (int k = 0; k < 3; ++k)
+            near = std::min(near, distanceToSegment(centre, to[k], to[(k + 1) % 3]));
+        if (level < depth && near < 3 * size) {
+            const Vec3 m01 = (t[0] + t[1]) * 0.5, m12 = (t[1] + t[2]) * 0.5,
+                       m20 = (t[2] + t[0]) * 0.5;
+            return self(self, {t[0], m01, m20}, level + 1) +
+                   self(self, {m01, t[1], m12}, level + 1) +
+                   self(self, {m20, m12, t[2]}, level + 1) + self(self, {m01, m12, m20}, level + 1);
+        }
+        auto at = [&](double x, double y, double z) {
+            return pointToTriangle(t[0] * x + t[1] * y + t[2] * z, n, to);
+        };
+        double sum = 0.225 * at(1.0 / 3, 1.0 / 3, 1.0 / 3);
+        for (const auto& [a, b, w] : {std::array{a1, b1, w1}, std::array{a2, b2, w2}})
+            sum += w * (at(a, b, b) + at(b, a, b) + at(b, b, a));
+        return sum * 0.5 * norm(cross(t[1] - t[0], t[2] - t[0]));
+    };
+    return integral(integral, from, 0) / (0.5 * norm(normal));
 }
 
 }  // namespace hemiray::accuracy
