@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "Hemisphere"
@@ -149,16 +150,25 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     }
     if (sinkFailed(sink, opened)) return false;
 
-    std::cout << "# Create BSP tree..." << std::endl;
+    // A tracer that the options bring replaces the tree and the BVH.
+    const std::unique_ptr<NearestHitTracer> external =
+        run.tracerFactory ? run.tracerFactory(model) : nullptr;
     const MeshView mesh{&model.nodes, &model.participatingFaces};
-    // Rays walk the tree's flat copy; the node tree goes once it is copied.
-    const TraversalTree tree(BspNode(dimension, &mesh, true));
-    // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
-    const RayTracer tracer(tree, model.participatingFaces, traceEngineFromEnvironment());
+    std::optional<TraversalTree> tree;
+    std::optional<RayTracer> tracer;
+    if (!external) {
+        std::cout << "# Create BSP tree..." << std::endl;
+        // Rays walk the tree's flat copy; the node tree goes once it is copied.
+        tree.emplace(BspNode(dimension, &mesh, true));
+        // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
+        tracer.emplace(*tree, model.participatingFaces, traceEngineFromEnvironment());
+    }
     // Every ray of the run is traced here: the nearest hit of one straight piece.
-    const auto nearestHit = [&tracer](const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                                      int32_t& hitFace) {
-        return tracer.trace(O, D, hitPoint, hitFace);
+    const auto nearestHit = [own = tracer ? &*tracer : nullptr, other = external.get()](
+                                const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        if (own) [[likely]]
+            return own->trace(O, D, hitPoint, hitFace);
+        return other->trace(O, D, hitPoint, hitFace);
     };
 
     std::cout << "# Calculate and write view factors..." << std::endl;
