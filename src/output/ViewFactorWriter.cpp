@@ -196,7 +196,7 @@ bool formatsAsFixedSix(const std::ostream& out) {
 void writeTextRow(std::ostream& out, const SparseRowVector& row) {
     static thread_local std::string text;
     text.clear();
-    char number[64];
+    char number[fixedSixRoom + 1];
     const auto append = [&](auto value, auto... format) {
         const std::to_chars_result end =
             std::to_chars(number, number + sizeof number, value, format...);
@@ -206,13 +206,52 @@ void writeTextRow(std::ostream& out, const SparseRowVector& row) {
     append(row.np);
     for (int32_t k = 0; k < row.np; ++k) append(row.columnAt(k));
     text.push_back('\n');
-    for (int32_t k = 0; k < row.np; ++k)
-        append(row.valueAt(row.columnAt(k)), std::chars_format::fixed, 6);
+    for (int32_t k = 0; k < row.np; ++k) {
+        char* const end = formatFixedSix(number, row.valueAt(row.columnAt(k)));
+        *end = ' ';
+        text.append(number, end + 1);
+    }
     text.push_back('\n');
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 }  // namespace
+
+char* formatFixedSix(char* out, double value) {
+    // |value| = mantissa * 2^-drop. Below 2^33 (every row value lies in [0, 1]),
+    // drop is at least 20 and |value| * 10^6 = mantissa * 10^6 * 2^-drop, whose
+    // numerator fits 73 bits: the integer part and the remainder below one unit of
+    // the sixth decimal are exact, so is the rounding. Larger values, infinities
+    // and NaN take std::to_chars, which rounds the same way but costs more.
+    const auto bits = std::bit_cast<uint64_t>(value);
+    const int exponent = static_cast<int>(bits >> 52 & 0x7ff);
+    if (exponent >= 1023 + 33)
+        return std::to_chars(out, out + fixedSixRoom, value, std::chars_format::fixed, 6).ptr;
+    if (bits >> 63) *out++ = '-';
+    uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
+    int drop = 1074;
+    if (exponent > 0) {
+        mantissa |= uint64_t{1} << 52;
+        drop = 1075 - exponent;
+    }
+    uint64_t units = 0;  // |value| in millionths, rounded
+    if (drop < 128) {
+        __extension__ using Wide = unsigned __int128;
+        const Wide scaled = Wide{mantissa} * 1000000;
+        units = static_cast<uint64_t>(scaled >> drop);
+        const Wide rest = scaled - (Wide{units} << drop);
+        const Wide half = Wide{1} << (drop - 1);
+        if (rest > half || (rest == half && (units & 1) != 0)) ++units;
+    }
+    out = std::to_chars(out, out + 20, units / 1000000).ptr;
+    *out++ = '.';
+    uint64_t fraction = units % 1000000;
+    for (int digit = 5; digit >= 0; --digit) {
+        out[digit] = static_cast<char>('0' + fraction % 10);
+        fraction /= 10;
+    }
+    return out + 6;
+}
 
 void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row) {
     if (!binaryOutput && formatsAsFixedSix(out)) {
