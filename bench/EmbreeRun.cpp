@@ -71,7 +71,9 @@ public:
             if (count < 3) continue;
             const double area = norm(faces.faceNormal[f]);
             if (area > 0) smallestArea = std::min(smallestArea, area);
-            const auto node = [&](int32_t k) { return static_cast<unsigned>(faces.faceNodes[begin + k]); };
+            const auto node = [&](int32_t k) {
+                return static_cast<unsigned>(faces.faceNodes[begin + k]);
+            };
             if (count == 4) {
                 for (int32_t k = 0; k < 4; ++k) quads.push_back(node(k));
                 quadFace_.push_back(f);
@@ -139,8 +141,9 @@ private:
                     const std::vector<unsigned>& indices, int corners) {
         if (indices.empty()) return RTC_INVALID_GEOMETRY_ID;
         RTCGeometry geometry = rtcNewGeometry(device_, type);
-        auto* vertices = static_cast<float*>(rtcSetNewGeometryBuffer(
-            geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 3 * sizeof(float), nodes.size()));
+        auto* vertices = static_cast<float*>(
+            rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
+                                    3 * sizeof(float), nodes.size()));
         for (size_t i = 0; i < nodes.size(); ++i)
             for (int c = 0; c < 3; ++c) vertices[3 * i + c] = static_cast<float>(nodes[i][c]);
         auto* buffer = static_cast<unsigned*>(rtcSetNewGeometryBuffer(
@@ -181,12 +184,18 @@ int main(int argc, char** argv) {
     bool binary = false, compare = false;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "-o" && i + 1 < argc) resultName = argv[++i];
-        else if (arg == "--threads" && i + 1 < argc) threads = std::max(1, std::atoi(argv[++i]));
-        else if (arg == "--binary") binary = true;
-        else if (arg == "--compare") compare = true;
-        else if (modelName.empty() && arg[0] != '-') modelName = arg;
-        else return bench::usage();
+        if (arg == "-o" && i + 1 < argc)
+            resultName = argv[++i];
+        else if (arg == "--threads" && i + 1 < argc)
+            threads = std::max(1, std::atoi(argv[++i]));
+        else if (arg == "--binary")
+            binary = true;
+        else if (arg == "--compare")
+            compare = true;
+        else if (modelName.empty() && arg[0] != '-')
+            modelName = arg;
+        else
+            return bench::usage();
     }
     if (modelName.empty() || resultName.empty()) return bench::usage();
 
@@ -219,11 +228,11 @@ int main(int argc, char** argv) {
     const std::unique_ptr<RowSink> sink = openFileSink(resultName, binary);
     if (!computeAndWrite(*model, options, *sink)) return 1;
 
-    std::cout << "# CPU  time: "
-              << static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC << " (s)\n"
+    std::cout << "# CPU  time: " << static_cast<double>(std::clock() - cpuStart) / CLOCKS_PER_SEC
+              << " (s)\n"
               << "# Wall time: " << omp_get_wtime() - wallStart << " (s)\n";
     if (compare)
-        std::cout << "# Pieces traced: " << disagreement.pieces << ", on another face than ours: "
-                  << disagreement.otherFace << '\n';
+        std::cout << "# Pieces traced: " << disagreement.pieces
+                  << ", on another face than ours: " << disagreement.otherFace << '\n';
     return 0;
 }

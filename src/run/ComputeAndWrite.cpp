@@ -182,6 +182,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     }
     const int64_t totalFaces = rowFaceStart[count];
     const ZoneTable& zones = model.zones;
+    const std::vector<int32_t> rayEnds = faceRayEnds(faces);
     const int64_t rays = hemisphere.size_;
     const int32_t parts = share ? share->parts() : 1;
     const int32_t part = share ? share->part() : 0;
@@ -279,9 +280,9 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     if (totalFaces > 0) {
         planWindow(windows[0], false);
 #pragma omp parallel num_threads(run.numThreads) default(none) shared(                             \
-    windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, nearestHit, \
-    addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, postedStop, \
-    totalFaces, unitFaces, rays, parts, part, writes, nextFace)
+    windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, rayEnds, hemisphere,    \
+    nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, \
+    postedStop, totalFaces, unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
             for (int64_t w = 0;; ++w) {
@@ -332,7 +333,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                         int32_t* columns = tracing.columns.data() + i * rays;
                         for (int k = 0; k < rays; ++k)
                             columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
-                                                   zones, nearestHit, rotation);
+                                                   zones, nearestHit, rotation, rayEnds.data());
                     }
                     if (sending && !writes) share->progress();
                 }

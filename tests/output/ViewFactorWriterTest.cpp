@@ -142,9 +142,9 @@ TEST(ViewFactorWriter, TextRowsAreSummedInFirstHitOrderAndRoundedToSixDecimals) 
 // numerator), the edges of the exact path, tiny and huge values, and random bit
 // patterns of every exponent from 2^-40 to 2^40.
 TEST(ViewFactorWriter, FixedSixIsPrintfsRounding) {
-    std::vector<double> values{0.0,       -0.0,     1.0 / 128, 3.0 / 128, 5e-7,     -5e-7,
-                               0.9999995, 1.0,      0.1,       1e-320,    0x1p33,   0x1p33 - 1,
-                               1e300,     -2.5e-5,  1.0 / 0.0, -1.0 / 0.0};
+    std::vector<double> values{0.0,       -0.0,    1.0 / 128, 3.0 / 128, 5e-7,   -5e-7,
+                               0.9999995, 1.0,     0.1,       1e-320,    0x1p33, 0x1p33 - 1,
+                               1e300,     -2.5e-5, 1.0 / 0.0, -1.0 / 0.0};
     uint64_t state = 88172645463325252u;
     for (int i = 0; i < 100000; ++i) {
         state ^= state << 13, state ^= state >> 7, state ^= state << 17;
