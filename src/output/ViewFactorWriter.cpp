@@ -63,6 +63,40 @@ FaceRange zoneFaces(const ZoneTable& zones, int32_t z, int32_t faceCount) {
     return {first, last};
 }
 
+// Whether the stream formats numbers in this notation and precision and nothing
+// else (decimal integers, no width, the classic locale): then std::to_chars gives
+// the same characters as the stream, which writes printf's "%.<precision>e" or
+// "%.<precision>f".
+bool formatsAs(const std::ostream& out, std::ios::fmtflags notation, int precision) {
+    return out.flags() == (std::ios::skipws | std::ios::dec | notation) &&
+           out.precision() == precision && out.width() == 0 &&
+           out.getloc() == std::locale::classic();
+}
+
+// The node lines in the parameter header's notation, formatted by std::to_chars and
+// written in pieces of about 64 KiB: the stream's printf per coordinate was most of
+// the time of a large model's head.
+void writeScientificNodeLines(std::ostream& out, const NodeArray& nodes, int coordinates) {
+    constexpr size_t piece = size_t{1} << 16;
+    std::string text;
+    text.reserve(piece + 64);
+    char number[64];
+    for (const Vec3& node : nodes) {
+        text.push_back('\n');
+        for (int i = 0; i < coordinates; ++i) {
+            if (i > 0) text.push_back(' ');
+            const auto end = std::to_chars(number, number + sizeof number, node[i],
+                                           std::chars_format::scientific, 8);
+            text.append(number, end.ptr);
+        }
+        if (text.size() >= piece) {
+            out.write(text.data(), static_cast<std::streamsize>(text.size()));
+            text.clear();
+        }
+    }
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
 void writeZoneHeader(std::ostream& out, int32_t sectionId, const ZoneTable& zones, int32_t z) {
     out << '(' << sectionId << " (" << zones.zoneId[z] << ' ' << zones.zoneFirst[z] << ' '
         << zones.zoneLast[z] << ' ' << zones.zoneType[z] << ' ' << zones.zoneElementType[z] << ')'
@@ -105,11 +139,15 @@ void writeNodeSection(std::ostream& out, int32_t coordinateCount, const NodeArra
     // three rather than reading past them.
     const int d = std::clamp(coordinateCount, 0, 3);
     out << '(';
-    for (const Vec3& node : nodes) {
-        out << std::endl;
-        for (int i = 0; i < d; ++i) {
-            if (i > 0) out << ' ';
-            out << node[i];
+    if (formatsAs(out, std::ios::scientific, 8)) {
+        writeScientificNodeLines(out, nodes, d);
+    } else {
+        for (const Vec3& node : nodes) {
+            out << std::endl;
+            for (int i = 0; i < d; ++i) {
+                if (i > 0) out << ' ';
+                out << node[i];
+            }
         }
     }
     out << "))" << std::endl;
@@ -182,14 +220,6 @@ void writeRowSectionHeader(std::ostream& out, bool binaryOutput,
 
 namespace {
 
-// Whether the stream formats as the row section's head left it (fixed notation,
-// six decimals, no width, the classic locale): then std::to_chars gives the same
-// characters as the stream, printf's "%.6f" and plain decimal integers.
-bool formatsAsFixedSix(const std::ostream& out) {
-    return out.flags() == (std::ios::skipws | std::ios::dec | std::ios::fixed) &&
-           out.precision() == 6 && out.width() == 0 && out.getloc() == std::locale::classic();
-}
-
 // A text row formatted into one buffer and written at once: the stream's number
 // formatting (a locale lookup and a printf per value) was most of a run's time
 // outside tracing. The buffer keeps its capacity from row to row.
@@ -254,7 +284,7 @@ char* formatFixedSix(char* out, double value) {
 }
 
 void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row) {
-    if (!binaryOutput && formatsAsFixedSix(out)) {
+    if (!binaryOutput && formatsAs(out, std::ios::fixed, 6)) {
         writeTextRow(out, row);
         return;
     }
