@@ -242,6 +242,29 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         }
     };
 
+    // The columns of one face's rays. Without mirror or periodic faces every ray is
+    // one straight piece and the face it meets gives its column; the columns are
+    // then looked up after all the face's rays, so that the cache misses of a large
+    // model overlap instead of stalling every ray.
+    const bool straightRays = std::find(rayEnds.begin(), rayEnds.end(), rayGoesOn) == rayEnds.end();
+    const auto traceFace = [&](const FaceFrame& f, int32_t* columns, RotationCache& rotation) {
+        if (!straightRays) {
+            for (int k = 0; k < rays; ++k)
+                columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces, zones,
+                                       nearestHit, rotation, rayEnds.data());
+            return;
+        }
+        for (int k = 0; k < rays; ++k) {
+            Vec3 hitPoint;
+            int32_t hitFace = -1;
+            const bool hit =
+                nearestHit(f.origin, rayDirection(f, hemisphere, k), hitPoint, hitFace);
+            columns[k] = hit ? hitFace : noColumn;
+        }
+        for (int k = 0; k < rays; ++k)
+            if (columns[k] != noColumn) columns[k] = rayEnds[static_cast<size_t>(columns[k])];
+    };
+
     // The next window in sequence order, with its frames. Drawn by one thread, in
     // sequence order, so that each member's generator draws for its faces in the
     // order of the one-process loop; a few draws per face.
@@ -279,10 +302,10 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     };
     if (totalFaces > 0) {
         planWindow(windows[0], false);
-#pragma omp parallel num_threads(run.numThreads) default(none) shared(                             \
-    windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, rayEnds, hemisphere,    \
-    nearestHit, addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, \
-    postedStop, totalFaces, unitFaces, rays, parts, part, writes, nextFace)
+#pragma omp parallel num_threads(run.numThreads) default(none)                                 \
+    shared(windows, nextUnit, stop, writeError, writeFailed, share, traceFace, addWindow,      \
+           planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, postedStop, \
+           totalFaces, unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
             for (int64_t w = 0;; ++w) {
@@ -330,10 +353,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     for (int64_t i = unit * unitFaces; i < end; ++i) {
                         const FaceFrame& f = tracing.frames[static_cast<size_t>(i)];
                         if (!emits(f)) continue;
-                        int32_t* columns = tracing.columns.data() + i * rays;
-                        for (int k = 0; k < rays; ++k)
-                            columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
-                                                   zones, nearestHit, rotation, rayEnds.data());
+                        traceFace(f, tracing.columns.data() + i * rays, rotation);
                     }
                     if (sending && !writes) share->progress();
                 }
