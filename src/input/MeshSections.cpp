@@ -5,7 +5,11 @@
 #include "input/MeshSections.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
+#include <locale>
+#include <sstream>
+#include <string>
 
 #include "Check.h"
 #include "input/SectionReader.h"
@@ -31,6 +35,64 @@ int32_t wrapToInt32(int64_t value) {
 // while their bodies are read.
 constexpr int64_t reserveLimit = int64_t{1} << 16;
 
+// `input >> value` for the node coordinates, most of the reading time of a large
+// model, without the stream's number parser. It takes from the buffer exactly the
+// characters that the extraction takes (white space, an optional sign, digits with
+// at most one decimal point, an exponent with an optional sign after a digit) and
+// converts them with std::from_chars, which rounds as the extraction's strtod
+// does. What from_chars refuses (out of range, "1e", "-") goes through the stream's
+// parser as text, so failures and values are the extraction's own. Only for a
+// stream that parses plain numbers (see below).
+bool readCoordinate(std::istream& input, double& value) {
+    const std::istream::sentry skipped(input);  // skips white space, as >> does
+    if (!skipped) return false;
+    std::streambuf& buffer = *input.rdbuf();
+    using Traits = std::char_traits<char>;
+    static thread_local std::string text;
+    text.clear();
+    bool digits = false, point = false, exponent = false;
+    int c = buffer.sgetc();
+    if (c == '+' || c == '-') {
+        text.push_back(static_cast<char>(c));
+        c = buffer.snextc();
+    }
+    while (!Traits::eq_int_type(c, Traits::eof())) {
+        if (c >= '0' && c <= '9') {
+            digits = true;
+        } else if (c == '.' && !point && !exponent) {
+            point = true;
+        } else if ((c == 'e' || c == 'E') && digits && !exponent) {
+            exponent = true;
+            text.push_back('e');
+            // The exponent's sign is taken with it; any other character is
+            // looked at again.
+            c = buffer.snextc();
+            if (c != '+' && c != '-') continue;
+        } else {
+            break;
+        }
+        text.push_back(static_cast<char>(c));
+        c = buffer.snextc();
+    }
+    if (Traits::eq_int_type(c, Traits::eof())) input.setstate(std::ios::eofbit);
+    const char* first = text.data() + (!text.empty() && text[0] == '+');
+    const char* last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(first, last, value);
+    if (error == std::errc{} && end == last) return true;
+    std::istringstream again(text);
+    again.imbue(std::locale::classic());
+    if (again >> value) return true;
+    input.setstate(std::ios::failbit);
+    return false;
+}
+
+// Whether the stream reads numbers as readCoordinate does: the classic locale
+// (decimal point '.', no grouping) and default flags.
+bool parsesPlainNumbers(const std::istream& input) {
+    return input.flags() == (std::ios::skipws | std::ios::dec) &&
+           input.getloc() == std::locale::classic();
+}
+
 }  // namespace
 
 void readNodeSection(std::istream& input, int32_t dimension, NodeArray& nodes) {
@@ -54,12 +116,16 @@ void readNodeSection(std::istream& input, int32_t dimension, NodeArray& nodes) {
     // new ones start at zero.
     if (static_cast<int64_t>(nodes.capacity()) < std::min(count, reserveLimit))
         nodes.reserve(static_cast<size_t>(std::min(count, reserveLimit)));
+    const bool plainNumbers = parsesPlainNumbers(input);
     for (int64_t nodeIndex = 0; nodeIndex < count && input; ++nodeIndex) {
         Vec3 point;
         const bool existing = nodeIndex < static_cast<int64_t>(nodes.size());
         if (existing) point = nodes[static_cast<size_t>(nodeIndex)];
-        for (int k = 0; k < dimension; ++k) input >> point[k];
-        if (!input) break;
+        bool read = true;
+        for (int k = 0; k < dimension && read; ++k)
+            read = plainNumbers ? readCoordinate(input, point[k])
+                                : static_cast<bool>(input >> point[k]);
+        if (!read) break;
         if (existing)
             nodes[static_cast<size_t>(nodeIndex)] = point;
         else

@@ -63,6 +63,40 @@ FaceRange zoneFaces(const ZoneTable& zones, int32_t z, int32_t faceCount) {
     return {first, last};
 }
 
+// Whether the stream formats numbers in this notation and precision and nothing
+// else (decimal integers, no width, the classic locale): then std::to_chars gives
+// the same characters as the stream, which writes printf's "%.<precision>e" or
+// "%.<precision>f".
+bool formatsAs(const std::ostream& out, std::ios::fmtflags notation, int precision) {
+    return out.flags() == (std::ios::skipws | std::ios::dec | notation) &&
+           out.precision() == precision && out.width() == 0 &&
+           out.getloc() == std::locale::classic();
+}
+
+// The node lines in the parameter header's notation, formatted by std::to_chars and
+// written in pieces of about 64 KiB: the stream's printf per coordinate was most of
+// the time of a large model's head.
+void writeScientificNodeLines(std::ostream& out, const NodeArray& nodes, int coordinates) {
+    constexpr size_t piece = size_t{1} << 16;
+    std::string text;
+    text.reserve(piece + 64);
+    char number[64];
+    for (const Vec3& node : nodes) {
+        text.push_back('\n');
+        for (int i = 0; i < coordinates; ++i) {
+            if (i > 0) text.push_back(' ');
+            const auto end = std::to_chars(number, number + sizeof number, node[i],
+                                           std::chars_format::scientific, 8);
+            text.append(number, end.ptr);
+        }
+        if (text.size() >= piece) {
+            out.write(text.data(), static_cast<std::streamsize>(text.size()));
+            text.clear();
+        }
+    }
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
 void writeZoneHeader(std::ostream& out, int32_t sectionId, const ZoneTable& zones, int32_t z) {
     out << '(' << sectionId << " (" << zones.zoneId[z] << ' ' << zones.zoneFirst[z] << ' '
         << zones.zoneLast[z] << ' ' << zones.zoneType[z] << ' ' << zones.zoneElementType[z] << ')'
@@ -105,11 +139,15 @@ void writeNodeSection(std::ostream& out, int32_t coordinateCount, const NodeArra
     // three rather than reading past them.
     const int d = std::clamp(coordinateCount, 0, 3);
     out << '(';
-    for (const Vec3& node : nodes) {
-        out << std::endl;
-        for (int i = 0; i < d; ++i) {
-            if (i > 0) out << ' ';
-            out << node[i];
+    if (formatsAs(out, std::ios::scientific, 8)) {
+        writeScientificNodeLines(out, nodes, d);
+    } else {
+        for (const Vec3& node : nodes) {
+            out << std::endl;
+            for (int i = 0; i < d; ++i) {
+                if (i > 0) out << ' ';
+                out << node[i];
+            }
         }
     }
     out << "))" << std::endl;
@@ -182,21 +220,13 @@ void writeRowSectionHeader(std::ostream& out, bool binaryOutput,
 
 namespace {
 
-// Whether the stream formats as the row section's head left it (fixed notation,
-// six decimals, no width, the classic locale): then std::to_chars gives the same
-// characters as the stream, printf's "%.6f" and plain decimal integers.
-bool formatsAsFixedSix(const std::ostream& out) {
-    return out.flags() == (std::ios::skipws | std::ios::dec | std::ios::fixed) &&
-           out.precision() == 6 && out.width() == 0 && out.getloc() == std::locale::classic();
-}
-
 // A text row formatted into one buffer and written at once: the stream's number
 // formatting (a locale lookup and a printf per value) was most of a run's time
 // outside tracing. The buffer keeps its capacity from row to row.
 void writeTextRow(std::ostream& out, const SparseRowVector& row) {
     static thread_local std::string text;
     text.clear();
-    char number[64];
+    char number[fixedSixRoom + 1];
     const auto append = [&](auto value, auto... format) {
         const std::to_chars_result end =
             std::to_chars(number, number + sizeof number, value, format...);
@@ -206,16 +236,55 @@ void writeTextRow(std::ostream& out, const SparseRowVector& row) {
     append(row.np);
     for (int32_t k = 0; k < row.np; ++k) append(row.columnAt(k));
     text.push_back('\n');
-    for (int32_t k = 0; k < row.np; ++k)
-        append(row.valueAt(row.columnAt(k)), std::chars_format::fixed, 6);
+    for (int32_t k = 0; k < row.np; ++k) {
+        char* const end = formatFixedSix(number, row.valueAt(row.columnAt(k)));
+        *end = ' ';
+        text.append(number, end + 1);
+    }
     text.push_back('\n');
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 }  // namespace
 
+char* formatFixedSix(char* out, double value) {
+    // |value| = mantissa * 2^-drop. Below 2^33 (every row value lies in [0, 1]),
+    // drop is at least 20 and |value| * 10^6 = mantissa * 10^6 * 2^-drop, whose
+    // numerator fits 73 bits: the integer part and the remainder below one unit of
+    // the sixth decimal are exact, so is the rounding. Larger values, infinities
+    // and NaN take std::to_chars, which rounds the same way but costs more.
+    const auto bits = std::bit_cast<uint64_t>(value);
+    const int exponent = static_cast<int>(bits >> 52 & 0x7ff);
+    if (exponent >= 1023 + 33)
+        return std::to_chars(out, out + fixedSixRoom, value, std::chars_format::fixed, 6).ptr;
+    if (bits >> 63) *out++ = '-';
+    uint64_t mantissa = bits & ((uint64_t{1} << 52) - 1);
+    int drop = 1074;
+    if (exponent > 0) {
+        mantissa |= uint64_t{1} << 52;
+        drop = 1075 - exponent;
+    }
+    uint64_t units = 0;  // |value| in millionths, rounded
+    if (drop < 128) {
+        __extension__ using Wide = unsigned __int128;
+        const Wide scaled = Wide{mantissa} * 1000000;
+        units = static_cast<uint64_t>(scaled >> drop);
+        const Wide rest = scaled - (Wide{units} << drop);
+        const Wide half = Wide{1} << (drop - 1);
+        if (rest > half || (rest == half && (units & 1) != 0)) ++units;
+    }
+    out = std::to_chars(out, out + 20, units / 1000000).ptr;
+    *out++ = '.';
+    uint64_t fraction = units % 1000000;
+    for (int digit = 5; digit >= 0; --digit) {
+        out[digit] = static_cast<char>('0' + fraction % 10);
+        fraction /= 10;
+    }
+    return out + 6;
+}
+
 void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row) {
-    if (!binaryOutput && formatsAsFixedSix(out)) {
+    if (!binaryOutput && formatsAs(out, std::ios::fixed, 6)) {
         writeTextRow(out, row);
         return;
     }

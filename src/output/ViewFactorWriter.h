@@ -26,4 +26,10 @@ void writeRowSectionHeader(std::ostream& out, bool binaryOutput,
                            const std::vector<int32_t>& activeGlobs);
 void writeRow(std::ostream& out, bool binaryOutput, const SparseRowVector& row);
 
+// Writes value at out as printf's "%.6f" does in the classic locale (the digits of
+// the exact binary value rounded to six decimals, ties to even) and returns the end.
+// out needs room for fixedSixRoom characters (the largest double has 309 digits).
+inline constexpr int fixedSixRoom = 320;
+char* formatFixedSix(char* out, double value);
+
 }  // namespace hemiray

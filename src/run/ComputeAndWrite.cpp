@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "Hemisphere"
@@ -149,16 +150,25 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     }
     if (sinkFailed(sink, opened)) return false;
 
-    std::cout << "# Create BSP tree..." << std::endl;
+    // A tracer that the options bring replaces the tree and the BVH.
+    const std::unique_ptr<NearestHitTracer> external =
+        run.tracerFactory ? run.tracerFactory(model) : nullptr;
     const MeshView mesh{&model.nodes, &model.participatingFaces};
-    // Rays walk the tree's flat copy; the node tree goes once it is copied.
-    const TraversalTree tree(BspNode(dimension, &mesh, true));
-    // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
-    const RayTracer tracer(tree, model.participatingFaces, traceEngineFromEnvironment());
+    std::optional<TraversalTree> tree;
+    std::optional<RayTracer> tracer;
+    if (!external) {
+        std::cout << "# Create BSP tree..." << std::endl;
+        // Rays walk the tree's flat copy; the node tree goes once it is copied.
+        tree.emplace(BspNode(dimension, &mesh, true));
+        // 3D runs trace through a BVH that returns the flat tree's hits bit for bit.
+        tracer.emplace(*tree, model.participatingFaces, traceEngineFromEnvironment());
+    }
     // Every ray of the run is traced here: the nearest hit of one straight piece.
-    const auto nearestHit = [&tracer](const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                                      int32_t& hitFace) {
-        return tracer.trace(O, D, hitPoint, hitFace);
+    const auto nearestHit = [own = tracer ? &*tracer : nullptr, other = external.get()](
+                                const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) {
+        if (own) [[likely]]
+            return own->trace(O, D, hitPoint, hitFace);
+        return other->trace(O, D, hitPoint, hitFace);
     };
 
     std::cout << "# Calculate and write view factors..." << std::endl;
@@ -172,6 +182,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     }
     const int64_t totalFaces = rowFaceStart[count];
     const ZoneTable& zones = model.zones;
+    const std::vector<int32_t> rayEnds = faceRayEnds(faces);
     const int64_t rays = hemisphere.size_;
     const int32_t parts = share ? share->parts() : 1;
     const int32_t part = share ? share->part() : 0;
@@ -231,6 +242,29 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         }
     };
 
+    // The columns of one face's rays. Without mirror or periodic faces every ray is
+    // one straight piece and the face it meets gives its column; the columns are
+    // then looked up after all the face's rays, so that the cache misses of a large
+    // model overlap instead of stalling every ray.
+    const bool straightRays = std::find(rayEnds.begin(), rayEnds.end(), rayGoesOn) == rayEnds.end();
+    const auto traceFace = [&](const FaceFrame& f, int32_t* columns, RotationCache& rotation) {
+        if (!straightRays) {
+            for (int k = 0; k < rays; ++k)
+                columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces, zones,
+                                       nearestHit, rotation, rayEnds.data());
+            return;
+        }
+        for (int k = 0; k < rays; ++k) {
+            Vec3 hitPoint;
+            int32_t hitFace = -1;
+            const bool hit =
+                nearestHit(f.origin, rayDirection(f, hemisphere, k), hitPoint, hitFace);
+            columns[k] = hit ? hitFace : noColumn;
+        }
+        for (int k = 0; k < rays; ++k)
+            if (columns[k] != noColumn) columns[k] = rayEnds[static_cast<size_t>(columns[k])];
+    };
+
     // The next window in sequence order, with its frames. Drawn by one thread, in
     // sequence order, so that each member's generator draws for its faces in the
     // order of the one-process loop; a few draws per face.
@@ -268,10 +302,10 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
     };
     if (totalFaces > 0) {
         planWindow(windows[0], false);
-#pragma omp parallel num_threads(run.numThreads) default(none) shared(                             \
-    windows, nextUnit, stop, writeError, writeFailed, share, faces, zones, hemisphere, nearestHit, \
-    addWindow, planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, postedStop, \
-    totalFaces, unitFaces, rays, parts, part, writes, nextFace)
+#pragma omp parallel num_threads(run.numThreads) default(none)                                 \
+    shared(windows, nextUnit, stop, writeError, writeFailed, share, traceFace, addWindow,      \
+           planWindow, nextRootUnits, rootUnits, postedRootUnits, agreedRootUnits, postedStop, \
+           totalFaces, unitFaces, rays, parts, part, writes, nextFace)
         {
             RotationCache rotation;
             for (int64_t w = 0;; ++w) {
@@ -319,10 +353,7 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                     for (int64_t i = unit * unitFaces; i < end; ++i) {
                         const FaceFrame& f = tracing.frames[static_cast<size_t>(i)];
                         if (!emits(f)) continue;
-                        int32_t* columns = tracing.columns.data() + i * rays;
-                        for (int k = 0; k < rays; ++k)
-                            columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces,
-                                                   zones, nearestHit, rotation);
+                        traceFace(f, tracing.columns.data() + i * rays, rotation);
                     }
                     if (sending && !writes) share->progress();
                 }

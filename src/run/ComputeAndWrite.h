@@ -4,7 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
+
+#include "SmallVector"
 
 namespace hemiray {
 
@@ -25,6 +29,22 @@ struct Sampling {
 // "error: " line when its value is not a whole number that fits 64 bits.
 [[nodiscard]] bool samplingFromEnvironment(Sampling& sampling);
 
+// The nearest hit of one straight piece of a ray: the face where the ray from O
+// along D first meets a participating face and the point where it does; false
+// when it meets none. A run traces with its own (the BSP tree, and in 3D runs the
+// BVH) unless its options bring another, as a comparison with another ray tracer
+// does (bench/EmbreeRun.cpp).
+class NearestHitTracer {
+public:
+    virtual ~NearestHitTracer() = default;
+    [[nodiscard]] virtual bool trace(const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                                     int32_t& hitFace) const = 0;
+};
+
+// Builds a tracer over the participating faces of a model whose face geometry is
+// computed.
+using NearestHitTracerFactory = std::function<std::unique_ptr<NearestHitTracer>(const Model&)>;
+
 struct RunOptions {
     int32_t slotCount = 1;   // rows per block: frames are drawn by slot
     int32_t numThreads = 1;  // threads that trace the rays
@@ -38,6 +58,7 @@ struct RunOptions {
     const char* headerData = nullptr;  // text of the result's first line
     bool headerFlag = false;
     Sampling sampling;
+    NearestHitTracerFactory tracerFactory;  // empty: the run's own tracer
 };
 
 // A run shared by several processes (the ranks of an MPI job): each part traces its

@@ -1,12 +1,15 @@
 // Plain and gzip result files, written beside the target and moved over it at the end.
 #include "run/OutputSink.h"
 
+#include <fcntl.h>
 #include <pstreams/pstream.h>
 #include <pthread.h>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
+#include <vector>
 
 #include "output/ReplacementFile.h"
 #include "run/InputSource.h"
@@ -42,30 +45,87 @@ struct OutputSink::PipeSignalGuard {
     }
 };
 
-OutputSink::OutputSink(const std::string& name, bool binary)
+// PStreams' process buffer with access to the pipe into gzip's standard input.
+// The result is written to that pipe directly, in blocks: PStreams' own buffer
+// holds 32 bytes, so every 32 bytes of a result would be one write into gzip.
+class OutputSink::GzipProcess final : public redi::pstreambuf {
+public:
+    using redi::pstreambuf::wpipe;
+};
+
+// The result leaves in blocks of 1 MiB, each with one write call where the file or
+// pipe takes it whole. A flush (std::endl) only moves the stream's characters into
+// the block: the head sections end every node and face line with std::endl, which
+// cost one system call per line, and no one reads the file before it is committed.
+// After a failed write the buffer takes nothing more and every flush fails.
+class OutputSink::BlockWriteBuffer final : public std::streambuf {
+public:
+    explicit BlockWriteBuffer(int fileDescriptor)
+        : fileDescriptor_(fileDescriptor), block_(std::size_t{1} << 20) {
+        setp(block_.data(), block_.data() + block_.size());
+    }
+
+    // Writes out what the block holds. False once any write has failed.
+    bool drain() {
+        const char* next = pbase();
+        std::size_t left = static_cast<std::size_t>(pptr() - pbase());
+        while (left > 0 && ok_) {
+            const ssize_t written = ::write(fileDescriptor_, next, left);
+            if (written < 0 && errno == EINTR) continue;
+            ok_ = written > 0;
+            if (!ok_) break;
+            next += written;
+            left -= static_cast<std::size_t>(written);
+        }
+        setp(block_.data(), block_.data() + block_.size());
+        return ok_;
+    }
+
+protected:
+    int_type overflow(int_type c) override {
+        if (!drain()) return traits_type::eof();
+        if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+        *pptr() = traits_type::to_char_type(c);
+        pbump(1);
+        return c;
+    }
+    int sync() override { return ok_ ? 0 : -1; }
+
+private:
+    int fileDescriptor_;
+    std::vector<char> block_;
+    bool ok_ = true;
+};
+
+OutputSink::OutputSink(const std::string& name, bool /*binary*/)
     : target_(resolveReplacementTarget(name)), isPipe_(namesGzip(name)) {
     if (!mayReplace(target_)) return;
     partial_ = createPartialFile(target_);
     if (partial_.empty()) return;
 
     signalGuard_ = std::make_unique<PipeSignalGuard>();
+    int fileDescriptor = -1;
     if (isPipe_) {
         // The file name reaches the redirection as a positional parameter: the shell
         // expands "$1" without interpreting its characters.
-        auto pipe = std::make_unique<redi::opstream>();
-        pipe->open("sh", {"sh", "-c", "exec gzip -fc > \"$1\"", "hemiray-gzip", partial_},
-                   redi::pstreams::pstdin);
-        if (!pipe->is_open()) pipe->setstate(std::ios::failbit);
-        stream_ = std::move(pipe);
+        gzip_ = std::make_unique<GzipProcess>();
+        gzip_->open("sh", {"sh", "-c", "exec gzip -fc > \"$1\"", "hemiray-gzip", partial_},
+                    redi::pstreams::pstdin);
+        if (gzip_->is_open()) fileDescriptor = gzip_->wpipe();
     } else {
-        auto mode = std::ios::out | std::ios::trunc;
-        if (binary) mode |= std::ios::binary;
-        stream_ = std::make_unique<std::ofstream>(partial_, mode);
+        fileDescriptor_ = ::open(partial_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+        fileDescriptor = fileDescriptor_;
     }
+    buffer_ = std::make_unique<BlockWriteBuffer>(fileDescriptor);
+    stream_ = std::make_unique<std::ostream>(buffer_.get());
+    if (fileDescriptor < 0) stream_->setstate(std::ios::failbit);
 }
 
 OutputSink::~OutputSink() {
-    stream_.reset();  // waits for gzip
+    stream_.reset();
+    buffer_.reset();
+    gzip_.reset();  // waits for gzip
+    if (fileDescriptor_ >= 0) ::close(fileDescriptor_);
     signalGuard_.reset();
     if (!committed_ && !partial_.empty()) removePartialFile(partial_);
 }
@@ -76,23 +136,20 @@ bool OutputSink::ok() const {
 
 bool OutputSink::commit() {
     if (!stream_) return false;
-    bool written = !stream_->fail();
-    if (isPipe_) {
-        // No flush here: PStreams 1.0.3 reports a sync of an empty buffer as a
-        // failure, and every writer ends with a flushing end of line anyway.
-        // Closing writes what is left, sends gzip end-of-file and waits for it;
-        // gzip's exit status tells whether the file is complete.
-        auto& pipe = static_cast<redi::opstream&>(*stream_);
-        pipe.close();
-        const int status = pipe.rdbuf()->status();
+    bool written = !stream_->fail() && buffer_->drain();
+    if (gzip_) {
+        // Closing sends gzip end-of-file and waits for it; gzip's exit status tells
+        // whether the file is complete.
+        gzip_->close();
+        const int status = gzip_->status();
         written = written && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        gzip_.reset();
     } else {
-        auto& file = static_cast<std::ofstream&>(*stream_);
-        file.flush();
-        file.close();
-        written = written && !file.fail();
+        written = ::close(fileDescriptor_) == 0 && written;
+        fileDescriptor_ = -1;
     }
     stream_.reset();
+    buffer_.reset();
     signalGuard_.reset();
     if (!written) return false;
 

@@ -12,8 +12,9 @@ namespace hemiray {
 
 class OutputSink {
 public:
-    // Opens a plain file (binary mode on request) or, when the name contains ".gz",
+    // Opens a plain file or, when the name contains ".gz",
     // a "gzip -fc" pipe into the file. Check ok() before writing.
+    // The bytes are written as they are, so text and binary results are alike here.
     OutputSink(const std::string& name, bool binary);
     ~OutputSink();  // without a successful commit the temporary file is removed
     OutputSink(const OutputSink&) = delete;
@@ -28,10 +29,15 @@ public:
 
 private:
     struct PipeSignalGuard;
+    class GzipProcess;
+    class BlockWriteBuffer;
 
     std::string target_;   // the file the result replaces (symbolic links resolved)
     std::string partial_;  // where it is written first
     std::unique_ptr<PipeSignalGuard> signalGuard_;
+    int fileDescriptor_ = -1;  // the partial file, when no gzip writes it
+    std::unique_ptr<GzipProcess> gzip_;
+    std::unique_ptr<BlockWriteBuffer> buffer_;
     std::unique_ptr<std::ostream> stream_;
     bool isPipe_ = false;
     bool committed_ = false;

@@ -3,6 +3,7 @@
 // periodic zones and scores on walls.
 #include "viewfactor/ViewFactorRow.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "geometry/TraversalTree.h"
@@ -93,6 +94,21 @@ void computeViewFactorRow(int32_t glob, int32_t dimension, const Hemisphere& hem
                           const FaceSet& faces, const GlobTable& globs, const ZoneTable& zones,
                           const RayTracer& tracer, SparseRowVector& row) {
     computeRowThrough(glob, dimension, hemisphere, faces, globs, zones, tracer, row);
+}
+
+std::vector<int32_t> faceRayEnds(const FaceSet& faces) {
+    std::vector<int32_t> ends(static_cast<size_t>(std::max(faces.faceCount(), 0)));
+    for (size_t f = 0; f < ends.size(); ++f) {
+        const int32_t type = faces.faceZoneType[f];
+        if (type < zoneTypeSpecial)
+            ends[f] = faces.faceGlob[f];
+        else if (type == zoneTypeMirror || type == zoneTypePeriodic ||
+                 type == zoneTypePeriodicShadow)
+            ends[f] = rayGoesOn;
+        else
+            ends[f] = noColumn;
+    }
+    return ends;
 }
 
 }  // namespace hemiray

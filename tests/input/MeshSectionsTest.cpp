@@ -3,7 +3,9 @@
 // of each case; the fatal messages are in SectionReaderTest.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <climits>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,33 @@ TEST(NodeSection, HexadecimalHeaderThenDecimalAgain) {
     EXPECT_EQ(mesh.nodes, (NodeArray{{1.5, -20, 0.25}, {4, 5, 6}}));
     mesh.read("(10 (4 5 1 0 3)())");
     EXPECT_TRUE(mesh.nodes.empty());
+}
+
+// Coordinates are read as the stream's own extraction reads them: the same bits,
+// the same refusals. A number that ends early ("1.2.3", "0x1p3") leaves the rest
+// to the next coordinate, as the extraction does.
+TEST(NodeSection, CoordinatesAreTheStreamExtractionsNumbers) {
+    for (const std::string text :
+         {"0", "-0", "+.5", "007.5", "1.5e+3", "1E5", "2e-3", "5.", "1e-400", "4.9e-324",
+          "1.7976931348623157e308", "0.1000000000000000055511151231257827", "1e400", "1e", "1e+",
+          "-", ".", ".e1", "1.2.3", "0x1p3", "inf", "3.14159265358979323846264338327950288"}) {
+        const std::string body = text + "\t2\n3 ";
+        std::istringstream oracle(body);
+        Vec3 expected;
+        const bool valid = static_cast<bool>(oracle >> expected[0] >> expected[1] >> expected[2]);
+        const ScopedInputErrorsThrow errorsThrow;
+        Mesh mesh;
+        const std::string section = "(10 (1 1 1 0 3)(" + body + "))";
+        if (!valid) {
+            EXPECT_THROW(mesh.read(section), InputError) << text;
+            continue;
+        }
+        mesh.read(section);
+        for (int k = 0; k < 3; ++k)
+            EXPECT_EQ(std::bit_cast<uint64_t>(mesh.nodes.at(0)[k]),
+                      std::bit_cast<uint64_t>(expected[k]))
+                << text;
+    }
 }
 
 TEST(NodeSection, PlanarRunReadsTwoCoordinatesWhateverNdSays) {

@@ -6,6 +6,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <cstdio>
 #include <initializer_list>
 #include <sstream>
 #include <string>
@@ -135,6 +136,26 @@ TEST(ViewFactorWriter, TextRowsAreSummedInFirstHitOrderAndRoundedToSixDecimals) 
     row.add(2, 1.0 / 3.0);
     writeRow(out, false, row);
     EXPECT_EQ(out.str(), "0 \n\n3 3 0 2 \n0.750000 0.000000 0.333333 \n");
+}
+
+// Against printf's own rounding: exact ties (multiples of 2^-7 with an odd
+// numerator), the edges of the exact path, tiny and huge values, and random bit
+// patterns of every exponent from 2^-40 to 2^40.
+TEST(ViewFactorWriter, FixedSixIsPrintfsRounding) {
+    std::vector<double> values{0.0,       -0.0,    1.0 / 128, 3.0 / 128, 5e-7,   -5e-7,
+                               0.9999995, 1.0,     0.1,       1e-320,    0x1p33, 0x1p33 - 1,
+                               1e300,     -2.5e-5, 1.0 / 0.0, -1.0 / 0.0};
+    uint64_t state = 88172645463325252u;
+    for (int i = 0; i < 100000; ++i) {
+        state ^= state << 13, state ^= state >> 7, state ^= state << 17;
+        const uint64_t exponent = 1023 - 40 + state % 81;
+        values.push_back(std::bit_cast<double>(exponent << 52 | state >> 12));
+    }
+    for (const double value : values) {
+        char expected[400], ours[fixedSixRoom + 1];
+        std::snprintf(expected, sizeof expected, "%.6f", value);
+        ASSERT_EQ(std::string(ours, formatFixedSix(ours, value)), expected) << value;
+    }
 }
 
 // Binary rows: the count as text, then raw little-endian int32 columns and float
