@@ -451,13 +451,12 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         nodes_.push_back(Node{});
         for (int k = 0; k < Bvh::width; ++k) {
             Node& node = nodes_[static_cast<size_t>(index)];
-            const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
             for (int i = 0; i < 3; ++i) {
-                node.lo[i][k] = box.lo[i];
-                node.hi[i][k] = box.hi[i];
+                const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
+                node.bound[0][i][k] = k < used ? box.lo[i] : std::numeric_limits<float>::infinity();
+                node.bound[1][i][k] = k < used ? box.hi[i] : -std::numeric_limits<float>::infinity();
             }
         }
-        nodes_[static_cast<size_t>(index)].count = static_cast<uint32_t>(used);
         for (int k = 0; k < used; ++k) {
             const int32_t code = self(self, kids[k]);
             nodes_[static_cast<size_t>(index)].child[k] = code;
@@ -517,12 +516,17 @@ bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) cons
 // The box test runs in float on the ray relative to the base; a zero direction
 // component is replaced by a tiny one of the same sign, which moves the ray by far
 // less than the boxes' padding over the scene and keeps 0 * infinity out.
+// On each axis the plane the ray enters by is the lower one where the inverse
+// direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
+// so these are exactly the smaller and the larger of the two plane parameters,
+// and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
 template <bool Wide>
 [[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
                                                    double tmax) {
     NearestHit best;
     const Ray4 lanes = rayLanes(O, D);
     V8f org[3], inv[3];
+    int enter[3];  // per axis, the side (0 lower, 1 upper) whose plane the ray enters by
     for (int i = 0; i < 3; ++i) {
         const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
         float d = static_cast<float>(D.v[i]);
@@ -530,6 +534,7 @@ template <bool Wide>
         org[i] = V8f{o, o, o, o, o, o, o, o};
         const float id = 1.0f / d;
         inv[i] = V8f{id, id, id, id, id, id, id, id};
+        enter[i] = id < 0 ? 1 : 0;
     }
     double limit = tmax;
     float limitF = roundUp(limit);
@@ -575,16 +580,16 @@ template <bool Wide>
             V8f tNear = V8f{},
                 tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
-                const V8f t0 = (*reinterpret_cast<const V8f*>(node.lo[i]) - org[i]) * inv[i];
-                const V8f t1 = (*reinterpret_cast<const V8f*>(node.hi[i]) - org[i]) * inv[i];
-                const V8f tLow = t0 < t1 ? t0 : t1;
-                const V8f tHigh = t0 < t1 ? t1 : t0;
+                const V8f tLow =
+                    (*reinterpret_cast<const V8f*>(node.bound[enter[i]][i]) - org[i]) * inv[i];
+                const V8f tHigh =
+                    (*reinterpret_cast<const V8f*>(node.bound[1 - enter[i]][i]) - org[i]) *
+                    inv[i];
                 tNear = tNear < tLow ? tLow : tNear;
                 tFar = tHigh < tFar ? tHigh : tFar;
             }
             const V8i hit = tNear <= tFar;
             unsigned mask = laneMask(hit);
-            mask &= (1u << node.count) - 1u;
             if (mask == 0) {
                 code = INT32_MAX;  // nothing here: take the next entry
                 break;
@@ -593,22 +598,36 @@ template <bool Wide>
                 code = node.child[std::countr_zero(mask)];
                 continue;
             }
+            // Most of a query's time is waiting for memory: ask for every child that
+            // will be visited before the first is needed.
+            const auto prefetchChild = [&bvh](int32_t child) {
+                const char* at =
+                    child >= 0
+                        ? reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(child)])
+                        : reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
+                for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
+            };
+            const int first = std::countr_zero(mask);
+            mask &= mask - 1;
+            if ((mask & (mask - 1)) == 0) {  // two children, the commonest case
+                const int second = std::countr_zero(mask);
+                const bool swap = tNear[second] < tNear[first];
+                const int nearK = swap ? second : first, farK = swap ? first : second;
+                prefetchChild(node.child[farK]);
+                prefetchChild(node.child[nearK]);
+                stack[top++] = Entry{node.child[farK], tNear[farK]};
+                code = node.child[nearK];
+                continue;
+            }
             // The hit children by entry, nearest first.
             Entry hits[Bvh::width];
-            int hitCount = 0;
+            int hitCount = 1;
+            hits[0] = Entry{node.child[first], tNear[first]};
+            prefetchChild(hits[0].code);
             for (; mask != 0; mask &= mask - 1) {
                 const int k = std::countr_zero(mask);
-                Entry e{node.child[k], tNear[k]};
-                // Most of a query's time is waiting for memory: ask for every child
-                // that will be visited before the first is needed.
-                if (e.code >= 0) {
-                    const char* at =
-                        reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
-                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
-                } else {
-                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
-                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
-                }
+                const Entry e{node.child[k], tNear[k]};
+                prefetchChild(e.code);
                 int j = hitCount++;
                 while (j > 0 && hits[j - 1].tNear > e.tNear) {
                     hits[j] = hits[j - 1];

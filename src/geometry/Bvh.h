@@ -82,11 +82,12 @@ public:
     size_t nodeCount() const { return nodes_.size(); }
 
     static constexpr int width = 8;  // children per node
+    // The children's boxes: bound[0][axis] holds their lower corners, bound[1][axis]
+    // the upper ones. A slot without a child has the inverted box lower = +inf,
+    // upper = -inf, which every ray misses.
     struct alignas(32) Node {
-        float lo[3][width];    // per axis, the children's lower box corners
-        float hi[3][width];    // and upper ones
+        float bound[2][3][width];
         int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
-        uint32_t count;        // children in use
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).
