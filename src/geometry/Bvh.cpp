@@ -271,10 +271,13 @@ template <int Corners>
     const auto at = [g](int k) { return *reinterpret_cast<const V4d*>(g[k].v); };
     const V4d n0 = at(0), n1 = at(1), n2 = at(2);
     const V4d den = r.D[0] * n0 + r.D[1] * n1 + r.D[2] * n2;
+    V4l miss = den >= 0;
+    // Lanes facing away need no more; nor do lanes out of range, whose t matters
+    // only on a hit.
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
     const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
-    V4l miss = (den >= 0) | (t <= at(3)) | (t > broadcast(tmax));
-    // Lanes facing away or out of range need no edge test; t matters only on a hit.
+    miss |= (t <= at(3)) | (t > broadcast(tmax));
     if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     V4d p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
@@ -601,11 +604,14 @@ template <bool Wide>
             // Most of a query's time is waiting for memory: ask for every child that
             // will be visited before the first is needed.
             const auto prefetchChild = [&bvh](int32_t child) {
-                const char* at =
-                    child >= 0
-                        ? reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(child)])
-                        : reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
-                for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
+                if (child >= 0) {
+                    const char* at =
+                        reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(child)]);
+                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
+                } else {  // a leaf's first group, edges included
+                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
+                    for (int line = 0; line < 8; ++line) prefetch(at + 64 * line);
+                }
             };
             const int first = std::countr_zero(mask);
             mask &= mask - 1;
