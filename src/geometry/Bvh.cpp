@@ -9,7 +9,7 @@
 #include "Compiler.h"
 
 #if HEMIRAY_X86
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #endif
 
 #include <algorithm>
@@ -262,27 +262,45 @@ V4d broadcast(double x) {
     return V4d{x, x, x, x};
 }
 
+// Lane by lane the correctly rounded square root, as std::sqrt.
+[[gnu::always_inline]] inline V4d sqrt4(const V4d& x) {
+#if HEMIRAY_X86
+    V4d r;
+    __m128d halves[2];
+    std::memcpy(halves, &x, sizeof halves);
+    halves[0] = _mm_sqrt_pd(halves[0]);
+    halves[1] = _mm_sqrt_pd(halves[1]);
+    std::memcpy(&r, halves, sizeof r);
+    return r;
+#else
+    return V4d{std::sqrt(x[0]), std::sqrt(x[1]), std::sqrt(x[2]), std::sqrt(x[3])};
+#endif
+}
+
 // intersectPolygon on four lanes: the same expressions in the same order, and the
 // same comparisons (written as their negations where a lane must pass, so that a
 // NaN decides as it does there).
 template <int Corners>
-[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, const Ray4& r, double tmax,
-                                                 double* tOut) {
+[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, float minDistanceBound,
+                                                 const Ray4& r, double tmax, double* tOut) {
     const auto at = [g](int k) { return *reinterpret_cast<const V4d*>(g[k].v); };
     const V4d n0 = at(0), n1 = at(1), n2 = at(2);
     const V4d den = r.D[0] * n0 + r.D[1] * n1 + r.D[2] * n2;
     V4l miss = den >= 0;
     // Lanes facing away need no more; nor do lanes out of range, whose t matters
-    // only on a hit.
+    // only on a hit. The minimum distance 0.001 sqrt|n| is at least 0 for any n
+    // that is not NaN (and a NaN n gives a NaN t, which passes no early test), so
+    // t <= 0 already decides "t <= minimum distance" here; the distance itself
+    // (two square roots) is left for lanes that pass everything else.
     if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
-    const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
+    const V4d l0 = at(3) - r.O[0], l1 = at(4) - r.O[1], l2 = at(5) - r.O[2];
     const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
-    miss |= (t <= at(3)) | (t > broadcast(tmax));
+    miss |= (t <= 0) | (t > broadcast(tmax));
     if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     V4d p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
-        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1],
-                  c2 = at(9 + 3 * k) - r.O[2];
+        const V4d c0 = at(6 + 3 * k) - r.O[0], c1 = at(7 + 3 * k) - r.O[1],
+                  c2 = at(8 + 3 * k) - r.O[2];
         miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] +
                     (p0 * c1 - p1 * c0) * r.D[2] >
                 0;
@@ -293,6 +311,15 @@ template <int Corners>
     miss |=
         (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] >
         0;
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
+    // A lane beyond the bound, which is at or above every lane's minimum distance,
+    // passes "t > minimum distance"; otherwise (a hit near the origin, or a NaN
+    // distance, for which the bound decides nothing) the distances are computed:
+    // 0.001 * sqrt(norm(n)), norm(n) = sqrt(dot(n, n)), with correctly rounded
+    // square roots and the same products and sums in the same order.
+    const V4l unsure = ~miss & (t <= broadcast(static_cast<double>(minDistanceBound)));
+    if ((unsure[0] | unsure[1] | unsure[2] | unsure[3]) != 0)
+        miss |= t <= broadcast(0.001) * sqrt4(sqrt4(n0 * n0 + n1 * n1 + n2 * n2));
     std::memcpy(tOut, &t, sizeof t);
     unsigned bits = 0;
     for (int k = 0; k < 4; ++k) bits |= miss[k] ? 0u : 1u << k;
@@ -308,16 +335,19 @@ template <int Corners>
     return r;
 }
 
-[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners, const Vec3& O,
+[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners,
+                                                   float minDistanceBound, const Vec3& O,
                                                    const Vec3& D, double tmax, double t[4]) {
     const Ray4 r = rayLanes(O, D);
-    return corners == 3 ? testGroup<3>(group, r, tmax, t) : testGroup<4>(group, r, tmax, t);
+    return corners == 3 ? testGroup<3>(group, minDistanceBound, r, tmax, t)
+                        : testGroup<4>(group, minDistanceBound, r, tmax, t);
 }
 
 }  // namespace
 
-void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
-                      Lanes4* group) {
+float packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                       Lanes4* group) {
+    double minDistance = 0;
     const size_t entries = polygonGroupEntries(corners);
     for (size_t e = 0; e < entries; ++e)
         for (double& x : group[e].v) x = 0.0;
@@ -332,21 +362,24 @@ void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count,
             return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(begin + k)])];
         };
         for (int i = 0; i < 3; ++i) group[i].v[lane] = n.v[i];
-        group[3].v[lane] = 0.001 * std::sqrt(norm(n));
-        for (int i = 0; i < 3; ++i) group[4 + i].v[lane] = node(corners - 1).v[i];
+        for (int i = 0; i < 3; ++i) group[3 + i].v[lane] = node(corners - 1).v[i];
         for (int k = 0; k + 1 < corners; ++k)
-            for (int i = 0; i < 3; ++i) group[7 + 3 * k + i].v[lane] = node(k).v[i];
+            for (int i = 0; i < 3; ++i) group[6 + 3 * k + i].v[lane] = node(k).v[i];
+        // As intersectPolygon computes it; a NaN is passed over, as it never rejects.
+        minDistance = std::max(minDistance, 0.001 * std::sqrt(norm(n)));
     }
+    return roundUp(minDistance);
 }
 
-unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
-                              double tmax, double t[4]) {
-    return testGroupOf(group, corners, O, D, tmax, t);
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, float minDistanceBound,
+                              const Vec3& O, const Vec3& D, double tmax, double t[4]) {
+    return testGroupOf(group, corners, minDistanceBound, O, D, tmax, t);
 }
 
-HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O,
+HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
+                                                  float minDistanceBound, const Vec3& O,
                                                   const Vec3& D, double tmax, double t[4]) {
-    return testGroupOf(group, corners, O, D, tmax, t);
+    return testGroupOf(group, corners, minDistanceBound, O, D, tmax, t);
 }
 
 Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
@@ -410,15 +443,16 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             for (size_t i = 0; i < list.size(); i += 4) {
                 const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
                 lastHeader = leaves_.size();
-                GroupHeader header{{-1, -1, -1, -1}, corners, 0, {0, 0}};
+                GroupHeader header{{-1, -1, -1, -1}, corners, 0, 0.0f, 0};
                 for (int lane = 0; lane < count; ++lane)
                     header.face[lane] = list[i + static_cast<size_t>(lane)];
                 leaves_.emplace_back();
-                std::memcpy(leaves_.back().v, &header, sizeof header);
-                if (corners == 0) continue;
-                leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
-                packPolygonGroup(faces, list.data() + i, count, corners,
-                                 leaves_.data() + lastHeader + 1);
+                if (corners != 0) {
+                    leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
+                    header.minDistanceBound = packPolygonGroup(
+                        faces, list.data() + i, count, corners, leaves_.data() + lastHeader + 1);
+                }
+                std::memcpy(leaves_[lastHeader].v, &header, sizeof header);
             }
         }
         GroupHeader header;
@@ -491,9 +525,9 @@ size_t Bvh::bytes() const {
 
 bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
     // The nodes of the face: from its group, which the query has just read (the last
-    // node at entry 4, the others from entry 7 on), or from the face set.
+    // node at entry 3, the others from entry 6 on), or from the face set.
     const auto nodeAt = [&](int k, int axis) {
-        if (hit.group) return hit.group[4 + 3 * k + axis].v[hit.lane];
+        if (hit.group) return hit.group[3 + 3 * k + axis].v[hit.lane];
         const auto begin =
             static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
         return (*faces_->nodes)[static_cast<size_t>(
@@ -661,8 +695,9 @@ template <bool Wide>
                 item = group;
             } else {
                 const bool triangles = header.corners == 3;
-                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t)
-                                          : testGroup<4>(group, lanes, limit, t);
+                unsigned bits =
+                    triangles ? testGroup<3>(group, header.minDistanceBound, lanes, limit, t)
+                              : testGroup<4>(group, header.minDistanceBound, lanes, limit, t);
                 for (; bits != 0; bits &= bits - 1) {
                     const int lane = std::countr_zero(bits);
                     tryFace(header.face[lane], t[lane], group, lane, header.corners);
