@@ -165,47 +165,53 @@ public:
         const uint32_t count = end - begin;
         if (count <= 4) return index;
 
-        int axis = 0;
+        int axis = 0;  // the median split's axis: the centres' widest
         for (int i = 1; i < 3; ++i)
             if (centres.hi[i] - centres.lo[i] > centres.hi[axis] - centres.lo[axis]) axis = i;
-        const double lo = centres.lo[axis];
-        const double width = static_cast<double>(centres.hi[axis]) - lo;
         uint32_t middle = begin;
-        if (width > 0 && depth < sahDepthLimit) {
-            const auto binOf = [&](const Ref& r) {
-                const int bin = static_cast<int>((r.centre[axis] - lo) * (binCount / width));
+        if (depth < sahDepthLimit) {
+            // The centre's bin on an axis; binning on all three axes and taking the
+            // cheapest split.
+            const auto binOf = [&](const Ref& r, int a) {
+                const double lo = centres.lo[a];
+                const double width = static_cast<double>(centres.hi[a]) - lo;
+                const int bin = static_cast<int>((r.centre[a] - lo) * (binCount / width));
                 return std::clamp(bin, 0, binCount - 1);
             };
-            Box bins[binCount];
-            uint32_t counts[binCount] = {};
-            for (uint32_t i = begin; i < end; ++i) {
-                const int b = binOf(refs_[i]);
-                bins[b].grow(refs_[i].box);
-                ++counts[b];
-            }
-            double rightArea[binCount];
-            uint32_t rightCount[binCount];
-            Box right;
-            uint32_t rc = 0;
-            for (int b = binCount - 1; b > 0; --b) {
-                right.grow(bins[b]);
-                rc += counts[b];
-                rightArea[b] = right.area();
-                rightCount[b] = rc;
-            }
-            Box left;
-            uint32_t lc = 0;
             double bestCost = std::numeric_limits<double>::max();
-            int bestSplit = -1;
-            for (int b = 1; b < binCount; ++b) {
-                left.grow(bins[b - 1]);
-                lc += counts[b - 1];
-                if (lc == 0 || rightCount[b] == 0) continue;
-                const double cost =
-                    left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
-                if (cost < bestCost) {
-                    bestCost = cost;
-                    bestSplit = b;
+            int bestSplit = -1, bestAxis = axis;
+            for (int a = 0; a < 3; ++a) {
+                if (!(centres.hi[a] > centres.lo[a])) continue;
+                Box bins[binCount];
+                uint32_t counts[binCount] = {};
+                for (uint32_t i = begin; i < end; ++i) {
+                    const int b = binOf(refs_[i], a);
+                    bins[b].grow(refs_[i].box);
+                    ++counts[b];
+                }
+                double rightArea[binCount];
+                uint32_t rightCount[binCount];
+                Box right;
+                uint32_t rc = 0;
+                for (int b = binCount - 1; b > 0; --b) {
+                    right.grow(bins[b]);
+                    rc += counts[b];
+                    rightArea[b] = right.area();
+                    rightCount[b] = rc;
+                }
+                Box left;
+                uint32_t lc = 0;
+                for (int b = 1; b < binCount; ++b) {
+                    left.grow(bins[b - 1]);
+                    lc += counts[b - 1];
+                    if (lc == 0 || rightCount[b] == 0) continue;
+                    const double cost =
+                        left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
+                    if (cost < bestCost) {
+                        bestCost = cost;
+                        bestSplit = b;
+                        bestAxis = a;
+                    }
                 }
             }
             // A node visit costs about half a group test.
@@ -214,9 +220,10 @@ public:
                 (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
                 return index;
             if (bestSplit > 0) {
+                axis = bestAxis;
                 middle = static_cast<uint32_t>(
                     std::partition(refs_.begin() + begin, refs_.begin() + end,
-                                   [&](const Ref& r) { return binOf(r) < bestSplit; }) -
+                                   [&](const Ref& r) { return binOf(r, axis) < bestSplit; }) -
                     refs_.begin());
             }
         } else if (count <= leafFaceLimit) {
