@@ -52,7 +52,7 @@ constexpr uint32_t leafFaceLimit = 8;
 // Warped polygons are tested for every ray; with more than this many the BVH would
 // be no faster than the walk.
 constexpr size_t maxAlwaysTested = 64;
-constexpr int binCount = 16;
+constexpr int binCount = 32;
 // Below this depth the build splits at the median, which bounds the depth and with
 // it the query's stack.
 constexpr int sahDepthLimit = 48;
