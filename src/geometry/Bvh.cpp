@@ -229,17 +229,9 @@ public:
         } else if (count <= leafFaceLimit) {
             return index;
         }
-        // Split counts are rounded to whole groups of four, moving the few faces
-        // nearest the split: then only one leaf of the tree has a partial group, and
-        // the groups' lanes are nearly all in use.
-        const uint32_t groupAligned = (middle - begin + 2) / 4 * 4;
-        if (middle != begin && middle != end && groupAligned > 0 && groupAligned < count &&
-            groupAligned != middle - begin) {
-            middle = begin + groupAligned;
-            std::nth_element(
-                refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
-                [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
-        }
+        // The SAH split as it falls: rounding split counts to whole groups of four
+        // fills the groups' lanes but moves faces across the best split, which
+        // costs more in the query than the partly used groups do.
         if (middle == begin || middle == end) {
             middle = begin + std::max<uint32_t>(count / 8 * 4, 1);
             std::nth_element(
