@@ -483,6 +483,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             kids[pick] = c.child[0];
             kids[used++] = c.child[1];
         }
+        HEMIRAY_CHECK(nodes_.size() < static_cast<size_t>(INT32_MAX) / sizeof(Node),
+                      "node byte offsets fit 31 bits");
         const auto index = static_cast<int32_t>(nodes_.size());
         nodes_.push_back(Node{});
         for (int k = 0; k < Bvh::width; ++k) {
@@ -497,7 +499,7 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             const int32_t code = self(self, kids[k]);
             nodes_[static_cast<size_t>(index)].child[k] = code;
         }
-        return index;
+        return static_cast<int32_t>(static_cast<size_t>(index) * sizeof(Node));
     };
     // The leaves' exact size first, so that they are allocated once: growing them
     // would hold up to twice their size at the peak of the build.
@@ -604,6 +606,8 @@ template <bool Wide>
         int32_t code;
         float tNear;
     };
+    // Node codes are byte offsets: no multiplication on the way down.
+    const char* nodeBytes = reinterpret_cast<const char*>(bvh.nodes_.data());
     Entry stack[stackSize];
     int top = 0;
     stack[top++] = Entry{bvh.rootCode_, 0.0f};
@@ -612,7 +616,7 @@ template <bool Wide>
         if (entry.tNear > limitF) continue;
         int32_t code = entry.code;
         while (code >= 0) {
-            const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
+            const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeBytes + code);
             V8f tNear = V8f{},
                 tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
@@ -636,10 +640,9 @@ template <bool Wide>
             }
             // Most of a query's time is waiting for memory: ask for every child that
             // will be visited before the first is needed.
-            const auto prefetchChild = [&bvh](int32_t child) {
+            const auto prefetchChild = [&bvh, nodeBytes](int32_t child) {
                 if (child >= 0) {
-                    const char* at =
-                        reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(child)]);
+                    const char* at = nodeBytes + child;
                     for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
                 } else {  // a leaf's first group, edges included
                     const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);

@@ -88,7 +88,7 @@ public:
     // upper = -inf, which every ray misses.
     struct alignas(32) Node {
         float bound[2][3][width];
-        int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
+        int32_t child[width];  // >= 0: a node's byte offset in nodes_; < 0: ~(first entry of a leaf in leaves_)
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).
@@ -107,7 +107,7 @@ private:
     const FaceSet* faces_;  // not owned
     Vec3 base_;
     bool avx2_ = false;
-    int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
+    int32_t rootCode_ = 0;  // a node's byte offset, or ~(leaf entry) when the root is a leaf
     bool empty_ = true;     // no face in the hierarchy
     bool usable_ = true;
     std::vector<Node> nodes_;
