@@ -43,9 +43,9 @@
 // margin, 1e-9 of the scene's magnitude (largest coordinate plus extent), is over
 // 10^6 times those roundings and the roundings of tsplit and of P*, and (c) allows
 // half of it, so that P* rounded off a face's node box by a few ulps (a ray hitting
-// an axis-aligned face) still passes. Non-finite coordinates or area vectors anywhere
-// turn the BVH off for the run; a non-finite ray or an origin outside the root box
-// goes to the walk. Mirror and periodic steps start new rays, whose origins are
+// an axis-aligned face) still passes. Non-finite coordinates or area vectors anywhere,
+// or a scene beyond 1e30, turn the BVH off for the run; a ray whose direction is not
+// finite or beyond 1e30, or whose origin lies outside the root box, goes to the walk. Mirror and periodic steps start new rays, whose origins are
 // checked the same way.
 #include "geometry/RayTracer.h"
 
@@ -102,7 +102,9 @@ RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngin
             std::max({magnitude, std::abs(tree.boxMin().v[i]), std::abs(tree.boxMax().v[i])});
         extent = std::max(extent, tree.boxMax().v[i] - tree.boxMin().v[i]);
     }
-    if (!(extent > 0)) return;
+    // The BVH's float boxes hold coordinates relative to the box's lower corner, and
+    // its box test must meet no NaN: both need the scene well inside float range.
+    if (!(extent > 0) || !(magnitude + extent < 1e30)) return;
     margin_ = clearance * (magnitude + extent);
     int32_t splits[3];
     tree.splitsPerAxis(splits);
@@ -140,7 +142,11 @@ template <class Count>
 bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                           Count& fallbacks) const {
     if (!bvh_) return tree_.trace(O, D, hitPoint, hitFace);
-    if (finite(D) && clearOfSplits(O)) {
+    // A direction whose components round to float infinity would leave the BVH's box
+    // test with 0 * infinity; such rays (never a sampling direction) take the walk.
+    const auto inFloatRange = [](double x) { return std::abs(x) < 1e30; };
+    if (inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) &&
+        clearOfSplits(O)) {
         // No clip: it accepts every origin inside the root box, and its exit lies
         // beyond any P* that is clear inside the box.
         const NearestHit nearest = bvh_->nearest(O, D, raymath::dblMax);
