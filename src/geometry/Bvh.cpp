@@ -9,7 +9,7 @@
 #include "Compiler.h"
 
 #if HEMIRAY_X86
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #endif
 
 #include <algorithm>
@@ -52,7 +52,7 @@ constexpr uint32_t leafFaceLimit = 8;
 // Warped polygons are tested for every ray; with more than this many the BVH would
 // be no faster than the walk.
 constexpr size_t maxAlwaysTested = 64;
-constexpr int binCount = 16;
+constexpr int binCount = 32;
 // Below this depth the build splits at the median, which bounds the depth and with
 // it the query's stack.
 constexpr int sahDepthLimit = 48;
@@ -165,47 +165,53 @@ public:
         const uint32_t count = end - begin;
         if (count <= 4) return index;
 
-        int axis = 0;
+        int axis = 0;  // the median split's axis: the centres' widest
         for (int i = 1; i < 3; ++i)
             if (centres.hi[i] - centres.lo[i] > centres.hi[axis] - centres.lo[axis]) axis = i;
-        const double lo = centres.lo[axis];
-        const double width = static_cast<double>(centres.hi[axis]) - lo;
         uint32_t middle = begin;
-        if (width > 0 && depth < sahDepthLimit) {
-            const auto binOf = [&](const Ref& r) {
-                const int bin = static_cast<int>((r.centre[axis] - lo) * (binCount / width));
+        if (depth < sahDepthLimit) {
+            // The centre's bin on an axis; binning on all three axes and taking the
+            // cheapest split.
+            const auto binOf = [&](const Ref& r, int a) {
+                const double lo = centres.lo[a];
+                const double width = static_cast<double>(centres.hi[a]) - lo;
+                const int bin = static_cast<int>((r.centre[a] - lo) * (binCount / width));
                 return std::clamp(bin, 0, binCount - 1);
             };
-            Box bins[binCount];
-            uint32_t counts[binCount] = {};
-            for (uint32_t i = begin; i < end; ++i) {
-                const int b = binOf(refs_[i]);
-                bins[b].grow(refs_[i].box);
-                ++counts[b];
-            }
-            double rightArea[binCount];
-            uint32_t rightCount[binCount];
-            Box right;
-            uint32_t rc = 0;
-            for (int b = binCount - 1; b > 0; --b) {
-                right.grow(bins[b]);
-                rc += counts[b];
-                rightArea[b] = right.area();
-                rightCount[b] = rc;
-            }
-            Box left;
-            uint32_t lc = 0;
             double bestCost = std::numeric_limits<double>::max();
-            int bestSplit = -1;
-            for (int b = 1; b < binCount; ++b) {
-                left.grow(bins[b - 1]);
-                lc += counts[b - 1];
-                if (lc == 0 || rightCount[b] == 0) continue;
-                const double cost =
-                    left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
-                if (cost < bestCost) {
-                    bestCost = cost;
-                    bestSplit = b;
+            int bestSplit = -1, bestAxis = axis;
+            for (int a = 0; a < 3; ++a) {
+                if (!(centres.hi[a] > centres.lo[a])) continue;
+                Box bins[binCount];
+                uint32_t counts[binCount] = {};
+                for (uint32_t i = begin; i < end; ++i) {
+                    const int b = binOf(refs_[i], a);
+                    bins[b].grow(refs_[i].box);
+                    ++counts[b];
+                }
+                double rightArea[binCount];
+                uint32_t rightCount[binCount];
+                Box right;
+                uint32_t rc = 0;
+                for (int b = binCount - 1; b > 0; --b) {
+                    right.grow(bins[b]);
+                    rc += counts[b];
+                    rightArea[b] = right.area();
+                    rightCount[b] = rc;
+                }
+                Box left;
+                uint32_t lc = 0;
+                for (int b = 1; b < binCount; ++b) {
+                    left.grow(bins[b - 1]);
+                    lc += counts[b - 1];
+                    if (lc == 0 || rightCount[b] == 0) continue;
+                    const double cost =
+                        left.area() * groupCost(lc) + rightArea[b] * groupCost(rightCount[b]);
+                    if (cost < bestCost) {
+                        bestCost = cost;
+                        bestSplit = b;
+                        bestAxis = a;
+                    }
                 }
             }
             // A node visit costs about half a group test.
@@ -214,25 +220,18 @@ public:
                 (bestSplit < 0 || area * groupCost(count) <= 0.5 * area + bestCost))
                 return index;
             if (bestSplit > 0) {
+                axis = bestAxis;
                 middle = static_cast<uint32_t>(
                     std::partition(refs_.begin() + begin, refs_.begin() + end,
-                                   [&](const Ref& r) { return binOf(r) < bestSplit; }) -
+                                   [&](const Ref& r) { return binOf(r, axis) < bestSplit; }) -
                     refs_.begin());
             }
         } else if (count <= leafFaceLimit) {
             return index;
         }
-        // Split counts are rounded to whole groups of four, moving the few faces
-        // nearest the split: then only one leaf of the tree has a partial group, and
-        // the groups' lanes are nearly all in use.
-        const uint32_t groupAligned = (middle - begin + 2) / 4 * 4;
-        if (middle != begin && middle != end && groupAligned > 0 && groupAligned < count &&
-            groupAligned != middle - begin) {
-            middle = begin + groupAligned;
-            std::nth_element(
-                refs_.begin() + begin, refs_.begin() + middle, refs_.begin() + end,
-                [&](const Ref& a, const Ref& b) { return a.centre[axis] < b.centre[axis]; });
-        }
+        // The SAH split as it falls: rounding split counts to whole groups of four
+        // fills the groups' lanes but moves faces across the best split, which
+        // costs more in the query than the partly used groups do.
         if (middle == begin || middle == end) {
             middle = begin + std::max<uint32_t>(count / 8 * 4, 1);
             std::nth_element(
@@ -262,24 +261,45 @@ V4d broadcast(double x) {
     return V4d{x, x, x, x};
 }
 
+// Lane by lane the correctly rounded square root, as std::sqrt.
+[[gnu::always_inline]] inline V4d sqrt4(const V4d& x) {
+#if HEMIRAY_X86
+    V4d r;
+    __m128d halves[2];
+    std::memcpy(halves, &x, sizeof halves);
+    halves[0] = _mm_sqrt_pd(halves[0]);
+    halves[1] = _mm_sqrt_pd(halves[1]);
+    std::memcpy(&r, halves, sizeof r);
+    return r;
+#else
+    return V4d{std::sqrt(x[0]), std::sqrt(x[1]), std::sqrt(x[2]), std::sqrt(x[3])};
+#endif
+}
+
 // intersectPolygon on four lanes: the same expressions in the same order, and the
 // same comparisons (written as their negations where a lane must pass, so that a
 // NaN decides as it does there).
 template <int Corners>
-[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, const Ray4& r, double tmax,
-                                                 double* tOut) {
+[[gnu::always_inline]] inline unsigned testGroup(const Lanes4* g, float minDistanceBound,
+                                                 const Ray4& r, double tmax, double* tOut) {
     const auto at = [g](int k) { return *reinterpret_cast<const V4d*>(g[k].v); };
     const V4d n0 = at(0), n1 = at(1), n2 = at(2);
     const V4d den = r.D[0] * n0 + r.D[1] * n1 + r.D[2] * n2;
-    const V4d l0 = at(4) - r.O[0], l1 = at(5) - r.O[1], l2 = at(6) - r.O[2];
+    V4l miss = den >= 0;
+    // Lanes facing away need no more; nor do lanes out of range, whose t matters
+    // only on a hit. The minimum distance 0.001 sqrt|n| is at least 0 for any n
+    // that is not NaN (and a NaN n gives a NaN t, which passes no early test), so
+    // t <= 0 already decides "t <= minimum distance" here; the distance itself
+    // (two square roots) is left for lanes that pass everything else.
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
+    const V4d l0 = at(3) - r.O[0], l1 = at(4) - r.O[1], l2 = at(5) - r.O[2];
     const V4d t = (l0 * n0 + l1 * n1 + l2 * n2) / den;
-    V4l miss = (den >= 0) | (t <= at(3)) | (t > broadcast(tmax));
-    // Lanes facing away or out of range need no edge test; t matters only on a hit.
+    miss |= (t <= 0) | (t > broadcast(tmax));
     if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
     V4d p0 = l0, p1 = l1, p2 = l2;
     for (int k = 0; k < Corners - 1; ++k) {
-        const V4d c0 = at(7 + 3 * k) - r.O[0], c1 = at(8 + 3 * k) - r.O[1],
-                  c2 = at(9 + 3 * k) - r.O[2];
+        const V4d c0 = at(6 + 3 * k) - r.O[0], c1 = at(7 + 3 * k) - r.O[1],
+                  c2 = at(8 + 3 * k) - r.O[2];
         miss |= (p1 * c2 - p2 * c1) * r.D[0] + (p2 * c0 - p0 * c2) * r.D[1] +
                     (p0 * c1 - p1 * c0) * r.D[2] >
                 0;
@@ -290,6 +310,15 @@ template <int Corners>
     miss |=
         (p1 * l2 - p2 * l1) * r.D[0] + (p2 * l0 - p0 * l2) * r.D[1] + (p0 * l1 - p1 * l0) * r.D[2] >
         0;
+    if ((miss[0] & miss[1] & miss[2] & miss[3]) != 0) return 0;
+    // A lane beyond the bound, which is at or above every lane's minimum distance,
+    // passes "t > minimum distance"; otherwise (a hit near the origin, or a NaN
+    // distance, for which the bound decides nothing) the distances are computed:
+    // 0.001 * sqrt(norm(n)), norm(n) = sqrt(dot(n, n)), with correctly rounded
+    // square roots and the same products and sums in the same order.
+    const V4l unsure = ~miss & (t <= broadcast(static_cast<double>(minDistanceBound)));
+    if ((unsure[0] | unsure[1] | unsure[2] | unsure[3]) != 0)
+        miss |= t <= broadcast(0.001) * sqrt4(sqrt4(n0 * n0 + n1 * n1 + n2 * n2));
     std::memcpy(tOut, &t, sizeof t);
     unsigned bits = 0;
     for (int k = 0; k < 4; ++k) bits |= miss[k] ? 0u : 1u << k;
@@ -305,16 +334,19 @@ template <int Corners>
     return r;
 }
 
-[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners, const Vec3& O,
+[[gnu::always_inline]] inline unsigned testGroupOf(const Lanes4* group, int corners,
+                                                   float minDistanceBound, const Vec3& O,
                                                    const Vec3& D, double tmax, double t[4]) {
     const Ray4 r = rayLanes(O, D);
-    return corners == 3 ? testGroup<3>(group, r, tmax, t) : testGroup<4>(group, r, tmax, t);
+    return corners == 3 ? testGroup<3>(group, minDistanceBound, r, tmax, t)
+                        : testGroup<4>(group, minDistanceBound, r, tmax, t);
 }
 
 }  // namespace
 
-void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
-                      Lanes4* group) {
+float packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                       Lanes4* group) {
+    double minDistance = 0;
     const size_t entries = polygonGroupEntries(corners);
     for (size_t e = 0; e < entries; ++e)
         for (double& x : group[e].v) x = 0.0;
@@ -329,21 +361,24 @@ void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count,
             return nodes[static_cast<size_t>(faces.faceNodes[static_cast<size_t>(begin + k)])];
         };
         for (int i = 0; i < 3; ++i) group[i].v[lane] = n.v[i];
-        group[3].v[lane] = 0.001 * std::sqrt(norm(n));
-        for (int i = 0; i < 3; ++i) group[4 + i].v[lane] = node(corners - 1).v[i];
+        for (int i = 0; i < 3; ++i) group[3 + i].v[lane] = node(corners - 1).v[i];
         for (int k = 0; k + 1 < corners; ++k)
-            for (int i = 0; i < 3; ++i) group[7 + 3 * k + i].v[lane] = node(k).v[i];
+            for (int i = 0; i < 3; ++i) group[6 + 3 * k + i].v[lane] = node(k).v[i];
+        // As intersectPolygon computes it; a NaN is passed over, as it never rejects.
+        minDistance = std::max(minDistance, 0.001 * std::sqrt(norm(n)));
     }
+    return roundUp(minDistance);
 }
 
-unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
-                              double tmax, double t[4]) {
-    return testGroupOf(group, corners, O, D, tmax, t);
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, float minDistanceBound,
+                              const Vec3& O, const Vec3& D, double tmax, double t[4]) {
+    return testGroupOf(group, corners, minDistanceBound, O, D, tmax, t);
 }
 
-HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O,
+HEMIRAY_TARGET_AVX2 unsigned testPolygonGroupAvx2(const Lanes4* group, int corners,
+                                                  float minDistanceBound, const Vec3& O,
                                                   const Vec3& D, double tmax, double t[4]) {
-    return testGroupOf(group, corners, O, D, tmax, t);
+    return testGroupOf(group, corners, minDistanceBound, O, D, tmax, t);
 }
 
 Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces), base_(base) {
@@ -407,15 +442,16 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             for (size_t i = 0; i < list.size(); i += 4) {
                 const int count = static_cast<int>(std::min<size_t>(4, list.size() - i));
                 lastHeader = leaves_.size();
-                GroupHeader header{{-1, -1, -1, -1}, corners, 0, {0, 0}};
+                GroupHeader header{{-1, -1, -1, -1}, corners, 0, 0.0f, 0};
                 for (int lane = 0; lane < count; ++lane)
                     header.face[lane] = list[i + static_cast<size_t>(lane)];
                 leaves_.emplace_back();
-                std::memcpy(leaves_.back().v, &header, sizeof header);
-                if (corners == 0) continue;
-                leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
-                packPolygonGroup(faces, list.data() + i, count, corners,
-                                 leaves_.data() + lastHeader + 1);
+                if (corners != 0) {
+                    leaves_.resize(leaves_.size() + polygonGroupEntries(corners));
+                    header.minDistanceBound = packPolygonGroup(
+                        faces, list.data() + i, count, corners, leaves_.data() + lastHeader + 1);
+                }
+                std::memcpy(leaves_[lastHeader].v, &header, sizeof header);
             }
         }
         GroupHeader header;
@@ -447,22 +483,23 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             kids[pick] = c.child[0];
             kids[used++] = c.child[1];
         }
+        HEMIRAY_CHECK(nodes_.size() < static_cast<size_t>(INT32_MAX) / sizeof(Node),
+                      "node byte offsets fit 31 bits");
         const auto index = static_cast<int32_t>(nodes_.size());
         nodes_.push_back(Node{});
         for (int k = 0; k < Bvh::width; ++k) {
             Node& node = nodes_[static_cast<size_t>(index)];
-            const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
             for (int i = 0; i < 3; ++i) {
-                node.lo[i][k] = box.lo[i];
-                node.hi[i][k] = box.hi[i];
+                const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
+                node.bound[0][i][k] = k < used ? box.lo[i] : std::numeric_limits<float>::infinity();
+                node.bound[1][i][k] = k < used ? box.hi[i] : -std::numeric_limits<float>::infinity();
             }
         }
-        nodes_[static_cast<size_t>(index)].count = static_cast<uint32_t>(used);
         for (int k = 0; k < used; ++k) {
             const int32_t code = self(self, kids[k]);
             nodes_[static_cast<size_t>(index)].child[k] = code;
         }
-        return index;
+        return static_cast<int32_t>(static_cast<size_t>(index) * sizeof(Node));
     };
     // The leaves' exact size first, so that they are allocated once: growing them
     // would hold up to twice their size at the peak of the build.
@@ -489,9 +526,9 @@ size_t Bvh::bytes() const {
 
 bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
     // The nodes of the face: from its group, which the query has just read (the last
-    // node at entry 4, the others from entry 7 on), or from the face set.
+    // node at entry 3, the others from entry 6 on), or from the face set.
     const auto nodeAt = [&](int k, int axis) {
-        if (hit.group) return hit.group[4 + 3 * k + axis].v[hit.lane];
+        if (hit.group) return hit.group[3 + 3 * k + axis].v[hit.lane];
         const auto begin =
             static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
         return (*faces_->nodes)[static_cast<size_t>(
@@ -517,12 +554,17 @@ bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) cons
 // The box test runs in float on the ray relative to the base; a zero direction
 // component is replaced by a tiny one of the same sign, which moves the ray by far
 // less than the boxes' padding over the scene and keeps 0 * infinity out.
+// On each axis the plane the ray enters by is the lower one where the inverse
+// direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
+// so these are exactly the smaller and the larger of the two plane parameters,
+// and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
 template <bool Wide>
 [[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
                                                    double tmax) {
     NearestHit best;
     const Ray4 lanes = rayLanes(O, D);
     V8f org[3], inv[3];
+    int enter[3];  // per axis, the side (0 lower, 1 upper) whose plane the ray enters by
     for (int i = 0; i < 3; ++i) {
         const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
         float d = static_cast<float>(D.v[i]);
@@ -530,6 +572,7 @@ template <bool Wide>
         org[i] = V8f{o, o, o, o, o, o, o, o};
         const float id = 1.0f / d;
         inv[i] = V8f{id, id, id, id, id, id, id, id};
+        enter[i] = id < 0 ? 1 : 0;
     }
     double limit = tmax;
     float limitF = roundUp(limit);
@@ -563,6 +606,8 @@ template <bool Wide>
         int32_t code;
         float tNear;
     };
+    // Node codes are byte offsets: no multiplication on the way down.
+    const char* nodeBytes = reinterpret_cast<const char*>(bvh.nodes_.data());
     Entry stack[stackSize];
     int top = 0;
     stack[top++] = Entry{bvh.rootCode_, 0.0f};
@@ -571,20 +616,20 @@ template <bool Wide>
         if (entry.tNear > limitF) continue;
         int32_t code = entry.code;
         while (code >= 0) {
-            const Bvh::Node& node = bvh.nodes_[static_cast<size_t>(code)];
+            const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeBytes + code);
             V8f tNear = V8f{},
                 tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
-                const V8f t0 = (*reinterpret_cast<const V8f*>(node.lo[i]) - org[i]) * inv[i];
-                const V8f t1 = (*reinterpret_cast<const V8f*>(node.hi[i]) - org[i]) * inv[i];
-                const V8f tLow = t0 < t1 ? t0 : t1;
-                const V8f tHigh = t0 < t1 ? t1 : t0;
+                const V8f tLow =
+                    (*reinterpret_cast<const V8f*>(node.bound[enter[i]][i]) - org[i]) * inv[i];
+                const V8f tHigh =
+                    (*reinterpret_cast<const V8f*>(node.bound[1 - enter[i]][i]) - org[i]) *
+                    inv[i];
                 tNear = tNear < tLow ? tLow : tNear;
                 tFar = tHigh < tFar ? tHigh : tFar;
             }
             const V8i hit = tNear <= tFar;
             unsigned mask = laneMask(hit);
-            mask &= (1u << node.count) - 1u;
             if (mask == 0) {
                 code = INT32_MAX;  // nothing here: take the next entry
                 break;
@@ -593,22 +638,38 @@ template <bool Wide>
                 code = node.child[std::countr_zero(mask)];
                 continue;
             }
+            // Most of a query's time is waiting for memory: ask for every child that
+            // will be visited before the first is needed.
+            const auto prefetchChild = [&bvh, nodeBytes](int32_t child) {
+                if (child >= 0) {
+                    const char* at = nodeBytes + child;
+                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
+                } else {  // a leaf's first group, edges included
+                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
+                    for (int line = 0; line < 8; ++line) prefetch(at + 64 * line);
+                }
+            };
+            const int first = std::countr_zero(mask);
+            mask &= mask - 1;
+            if ((mask & (mask - 1)) == 0) {  // two children, the commonest case
+                const int second = std::countr_zero(mask);
+                const bool swap = tNear[second] < tNear[first];
+                const int nearK = swap ? second : first, farK = swap ? first : second;
+                prefetchChild(node.child[farK]);
+                prefetchChild(node.child[nearK]);
+                stack[top++] = Entry{node.child[farK], tNear[farK]};
+                code = node.child[nearK];
+                continue;
+            }
             // The hit children by entry, nearest first.
             Entry hits[Bvh::width];
-            int hitCount = 0;
+            int hitCount = 1;
+            hits[0] = Entry{node.child[first], tNear[first]};
+            prefetchChild(hits[0].code);
             for (; mask != 0; mask &= mask - 1) {
                 const int k = std::countr_zero(mask);
-                Entry e{node.child[k], tNear[k]};
-                // Most of a query's time is waiting for memory: ask for every child
-                // that will be visited before the first is needed.
-                if (e.code >= 0) {
-                    const char* at =
-                        reinterpret_cast<const char*>(&bvh.nodes_[static_cast<size_t>(e.code)]);
-                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
-                } else {
-                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~e.code);
-                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
-                }
+                const Entry e{node.child[k], tNear[k]};
+                prefetchChild(e.code);
                 int j = hitCount++;
                 while (j > 0 && hits[j - 1].tNear > e.tNear) {
                     hits[j] = hits[j - 1];
@@ -636,8 +697,9 @@ template <bool Wide>
                 item = group;
             } else {
                 const bool triangles = header.corners == 3;
-                unsigned bits = triangles ? testGroup<3>(group, lanes, limit, t)
-                                          : testGroup<4>(group, lanes, limit, t);
+                unsigned bits =
+                    triangles ? testGroup<3>(group, header.minDistanceBound, lanes, limit, t)
+                              : testGroup<4>(group, header.minDistanceBound, lanes, limit, t);
                 for (; bits != 0; bits &= bits - 1) {
                     const int lane = std::countr_zero(bits);
                     tryFace(header.face[lane], t[lane], group, lane, header.corners);

@@ -26,25 +26,26 @@ struct alignas(32) Lanes4 {
 };
 
 // Polygon groups: four polygons of `corners` (3 or 4) nodes, lane by lane: the
-// area vector (3 entries), the minimum distance 0.001 sqrt|n| (1), the last node
-// (3), then the other nodes from the first on (3 each). Empty lanes never hit.
+// area vector (3 entries), the last node (3), then the other nodes from the first
+// on (3 each). Empty lanes never hit.
 constexpr size_t polygonGroupEntries(int corners) {
-    return 7 + 3 * static_cast<size_t>(corners - 1);
+    return 6 + 3 * static_cast<size_t>(corners - 1);
 }
 
 // Packs up to four faces (all of `corners` nodes) into a group of
-// polygonGroupEntries(corners) entries.
-void packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
-                      Lanes4* group);
+// polygonGroupEntries(corners) entries. Returns the float at or above every
+// lane's minimum distance 0.001 sqrt|n|, which the group test takes.
+float packPolygonGroup(const FaceSet& faces, const int32_t* faceIndex, int count, int corners,
+                       Lanes4* group);
 
 // Tests the ray against the four lanes of a group with the upper limit tmax, as
 // intersectPolygon would: bit k of the result is set when lane k is hit, and t[k]
-// then holds its parameter. The AVX2 form may be called only where the processor
-// has AVX2 (cpuHasAvx2).
-unsigned testPolygonGroupSse2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
-                              double tmax, double t[4]);
-unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, const Vec3& O, const Vec3& D,
-                              double tmax, double t[4]);
+// then holds its parameter. minDistanceBound is packPolygonGroup's result. The
+// AVX2 form may be called only where the processor has AVX2 (cpuHasAvx2).
+unsigned testPolygonGroupSse2(const Lanes4* group, int corners, float minDistanceBound,
+                              const Vec3& O, const Vec3& D, double tmax, double t[4]);
+unsigned testPolygonGroupAvx2(const Lanes4* group, int corners, float minDistanceBound,
+                              const Vec3& O, const Vec3& D, double tmax, double t[4]);
 
 // The nearest hit over all faces of a query, with whether another face is hit at
 // exactly the same parameter.
@@ -82,11 +83,12 @@ public:
     size_t nodeCount() const { return nodes_.size(); }
 
     static constexpr int width = 8;  // children per node
+    // The children's boxes: bound[0][axis] holds their lower corners, bound[1][axis]
+    // the upper ones. A slot without a child has the inverted box lower = +inf,
+    // upper = -inf, which every ray misses.
     struct alignas(32) Node {
-        float lo[3][width];    // per axis, the children's lower box corners
-        float hi[3][width];    // and upper ones
-        int32_t child[width];  // >= 0: a node; < 0: ~(first entry of a leaf in leaves_)
-        uint32_t count;        // children in use
+        float bound[2][3][width];
+        int32_t child[width];  // >= 0: a node's byte offset in nodes_; < 0: ~(first entry of a leaf in leaves_)
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).
@@ -94,7 +96,8 @@ public:
         int32_t face[4];  // -1 in empty lanes
         int32_t corners;  // 3 or 4; 0: faces tested alone
         int32_t last;     // 1 in the leaf's last group
-        int32_t unused[2];
+        float minDistanceBound;  // packPolygonGroup's result
+        int32_t unused;
     };
 
 private:
@@ -104,7 +107,7 @@ private:
     const FaceSet* faces_;  // not owned
     Vec3 base_;
     bool avx2_ = false;
-    int32_t rootCode_ = 0;  // a node index, or ~(leaf entry) when the root is a leaf
+    int32_t rootCode_ = 0;  // a node's byte offset, or ~(leaf entry) when the root is a leaf
     bool empty_ = true;     // no face in the hierarchy
     bool usable_ = true;
     std::vector<Node> nodes_;

@@ -43,9 +43,9 @@
 // margin, 1e-9 of the scene's magnitude (largest coordinate plus extent), is over
 // 10^6 times those roundings and the roundings of tsplit and of P*, and (c) allows
 // half of it, so that P* rounded off a face's node box by a few ulps (a ray hitting
-// an axis-aligned face) still passes. Non-finite coordinates or area vectors anywhere
-// turn the BVH off for the run; a non-finite ray or an origin outside the root box
-// goes to the walk. Mirror and periodic steps start new rays, whose origins are
+// an axis-aligned face) still passes. Non-finite coordinates or area vectors anywhere,
+// or a scene beyond 1e30, turn the BVH off for the run; a ray whose direction is not
+// finite or beyond 1e30, or whose origin lies outside the root box, goes to the walk. Mirror and periodic steps start new rays, whose origins are
 // checked the same way.
 #include "geometry/RayTracer.h"
 
@@ -62,6 +62,7 @@ namespace hemiray {
 namespace {
 
 constexpr double clearance = 1e-9;
+constexpr double roundingShift = 0x1.8p52;
 
 bool finite(const Vec3& v) {
     return std::isfinite(v.v[0]) && std::isfinite(v.v[1]) && std::isfinite(v.v[2]);
@@ -101,7 +102,9 @@ RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngin
             std::max({magnitude, std::abs(tree.boxMin().v[i]), std::abs(tree.boxMax().v[i])});
         extent = std::max(extent, tree.boxMax().v[i] - tree.boxMin().v[i]);
     }
-    if (!(extent > 0)) return;
+    // The BVH's float boxes hold coordinates relative to the box's lower corner, and
+    // its box test must meet no NaN: both need the scene well inside float range.
+    if (!(extent > 0) || !(magnitude + extent < 1e30)) return;
     margin_ = clearance * (magnitude + extent);
     int32_t splits[3];
     tree.splitsPerAxis(splits);
@@ -109,7 +112,7 @@ RayTracer::RayTracer(const TraversalTree& tree, const FaceSet& faces, TraceEngin
         gridLow_[i] = tree.boxMin().v[i];
         gridHigh_[i] = tree.boxMax().v[i];
         const double width = gridHigh_[i] - gridLow_[i];
-        if (!(width > 0) || splits[i] > 60) return;
+        if (!(width > 0) || splits[i] > 40) return;
         gridScale_[i] = std::ldexp(1.0, splits[i]) / width;
         gridMargin_[i] = margin_ * gridScale_[i];
         // Grid lines so dense that hardly any point is clear: the walk serves better.
@@ -125,9 +128,11 @@ bool RayTracer::clearOfSplits(const Vec3& p) const {
     for (int i = 0; i < 3; ++i) {
         const double x = p.v[i];
         if (!(x > gridLow_[i] + margin_ && x < gridHigh_[i] - margin_)) return false;
-        // u lies in (0, 2^60]: its nearest integer by truncating u + 0.5.
+        // u lies in (0, 2^40]: adding and subtracting 1.5 * 2^52 rounds it to its
+        // nearest integer (ties to even, where |u - nearest| is 0.5 either way), far
+        // faster than a round trip through an integer.
         const double u = (x - gridLow_[i]) * gridScale_[i];
-        const auto nearest = static_cast<double>(static_cast<int64_t>(u + 0.5));
+        const double nearest = (u + roundingShift) - roundingShift;
         if (!(std::abs(u - nearest) > gridMargin_[i])) return false;
     }
     return true;
@@ -137,7 +142,11 @@ template <class Count>
 bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                           Count& fallbacks) const {
     if (!bvh_) return tree_.trace(O, D, hitPoint, hitFace);
-    if (finite(D) && clearOfSplits(O)) {
+    // A direction whose components round to float infinity would leave the BVH's box
+    // test with 0 * infinity; such rays (never a sampling direction) take the walk.
+    const auto inFloatRange = [](double x) { return std::abs(x) < 1e30; };
+    if (inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) &&
+        clearOfSplits(O)) {
         // No clip: it accepts every origin inside the root box, and its exit lies
         // beyond any P* that is clear inside the box.
         const NearestHit nearest = bvh_->nearest(O, D, raymath::dblMax);

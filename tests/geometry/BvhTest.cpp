@@ -125,7 +125,7 @@ TEST(PolygonGroup, EveryLaneIsTheScalarTest) {
                     mesh->faces.faceNodeStart[static_cast<size_t>(first)])])];
             ray.direction = target - ray.origin;
             const int count = 1 + static_cast<int>(meshes::uniform(rng, 0, 4));
-            packPolygonGroup(mesh->faces, face, count, corners, group);
+            const float bound = packPolygonGroup(mesh->faces, face, count, corners, group);
             double limit = meshes::uniform(rng, 0, 1) < 0.5 ? 1e300 : meshes::uniform(rng, 0, 3);
             for (int pass = 0; pass < 2; ++pass) {
                 unsigned expected = 0;
@@ -135,10 +135,10 @@ TEST(PolygonGroup, EveryLaneIsTheScalarTest) {
                                          t[k]))
                         expected |= 1u << k;
                 const unsigned lanes =
-                    testPolygonGroupSse2(group, corners, ray.origin, ray.direction, limit, tLane);
+                    testPolygonGroupSse2(group, corners, bound, ray.origin, ray.direction, limit, tLane);
                 std::memcpy(tWide, tLane, sizeof tWide);
                 const unsigned wide = cpuHasAvx2()
-                                          ? testPolygonGroupAvx2(group, corners, ray.origin,
+                                          ? testPolygonGroupAvx2(group, corners, bound, ray.origin,
                                                                  ray.direction, limit, tWide)
                                           : lanes;
                 ASSERT_EQ(lanes, expected);
