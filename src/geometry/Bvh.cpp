@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 
@@ -524,25 +525,42 @@ size_t Bvh::bytes() const {
     return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Lanes4);
 }
 
-bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
-    // The nodes of the face: from its group, which the query has just read (the last
-    // node at entry 3, the others from entry 6 on), or from the face set.
-    const auto nodeAt = [&](int k, int axis) {
-        if (hit.group) return hit.group[3 + 3 * k + axis].v[hit.lane];
-        const auto begin =
-            static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
-        return (*faces_->nodes)[static_cast<size_t>(
-                                    faces_->faceNodes[begin + static_cast<size_t>(k)])]
-            .v[axis];
-    };
-    const int count = hit.group ? hit.corners
-                                : faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1] -
-                                      faces_->faceNodeStart[static_cast<size_t>(hit.face)];
+namespace {
+
+// Whether p lies in the box of the nodes of lane `lane` of a group of `Corners`
+// nodes (the last node at entry 3, the others from entry 6 on), widened by slack.
+template <int Corners>
+bool insideGroupBox(const Lanes4* group, int lane, const Vec3& p, double slack) {
     for (int axis = 0; axis < 3; ++axis) {
-        double lo = nodeAt(0, axis), hi = lo;
-        for (int k = 1; k < count; ++k) {
-            lo = std::min(lo, nodeAt(k, axis));
-            hi = std::max(hi, nodeAt(k, axis));
+        double lo = group[3 + axis].v[lane], hi = lo;
+        for (int k = 0; k + 1 < Corners; ++k) {
+            const double x = group[6 + 3 * k + axis].v[lane];
+            lo = std::min(lo, x);
+            hi = std::max(hi, x);
+        }
+        if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
+    // The nodes of the face: from its group, which the query has just read, or from
+    // the face set.
+    if (hit.group)
+        return hit.corners == 3 ? insideGroupBox<3>(hit.group, hit.lane, p, slack)
+                                : insideGroupBox<4>(hit.group, hit.lane, p, slack);
+    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
+    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1]);
+    const auto node = [&](size_t k) -> const Vec3& {
+        return (*faces_->nodes)[static_cast<size_t>(faces_->faceNodes[k])];
+    };
+    for (int axis = 0; axis < 3; ++axis) {
+        double lo = node(begin).v[axis], hi = lo;
+        for (size_t k = begin + 1; k < end; ++k) {
+            lo = std::min(lo, node(k).v[axis]);
+            hi = std::max(hi, node(k).v[axis]);
         }
         if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
     }
@@ -564,7 +582,8 @@ template <bool Wide>
     NearestHit best;
     const Ray4 lanes = rayLanes(O, D);
     V8f org[3], inv[3];
-    int enter[3];  // per axis, the side (0 lower, 1 upper) whose plane the ray enters by
+    // Per axis, the byte offsets in a node of the planes the ray enters and leaves by.
+    size_t enterAt[3], leaveAt[3];
     for (int i = 0; i < 3; ++i) {
         const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
         float d = static_cast<float>(D.v[i]);
@@ -572,7 +591,9 @@ template <bool Wide>
         org[i] = V8f{o, o, o, o, o, o, o, o};
         const float id = 1.0f / d;
         inv[i] = V8f{id, id, id, id, id, id, id, id};
-        enter[i] = id < 0 ? 1 : 0;
+        const int enter = id < 0 ? 1 : 0;  // the upper plane where the ray runs downwards
+        enterAt[i] = offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * enter + i);
+        leaveAt[i] = offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * (1 - enter) + i);
     }
     double limit = tmax;
     float limitF = roundUp(limit);
@@ -616,15 +637,13 @@ template <bool Wide>
         if (entry.tNear > limitF) continue;
         int32_t code = entry.code;
         while (code >= 0) {
-            const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeBytes + code);
+            const char* nodeAt = nodeBytes + code;
+            const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeAt);
             V8f tNear = V8f{},
                 tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
             for (int i = 0; i < 3; ++i) {
-                const V8f tLow =
-                    (*reinterpret_cast<const V8f*>(node.bound[enter[i]][i]) - org[i]) * inv[i];
-                const V8f tHigh =
-                    (*reinterpret_cast<const V8f*>(node.bound[1 - enter[i]][i]) - org[i]) *
-                    inv[i];
+                const V8f tLow = (*reinterpret_cast<const V8f*>(nodeAt + enterAt[i]) - org[i]) * inv[i];
+                const V8f tHigh = (*reinterpret_cast<const V8f*>(nodeAt + leaveAt[i]) - org[i]) * inv[i];
                 tNear = tNear < tLow ? tLow : tNear;
                 tFar = tHigh < tFar ? tHigh : tFar;
             }
