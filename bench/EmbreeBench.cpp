@@ -67,6 +67,28 @@ bool traceOurs(const RayTracer& tracer, const Vec3& O, const Vec3& D, int32_t& f
     return tracer.trace(O, D, point, face);
 }
 
+// The ray set through the BVH tracer as a run traces it: two directions of a face
+// at a time. Returns the number of hits; faces[i] gets ray i's face.
+template <class Each>
+void tracePairs(const RayTracer& tracer, const std::vector<BenchRay>& rays, const Each& each) {
+    size_t i = 0;
+    for (; i + 1 < rays.size(); i += 2) {
+        const Vec3 O[2] = {rays[i].origin, rays[i + 1].origin};
+        const Vec3 D[2] = {rays[i].direction, rays[i + 1].direction};
+        Vec3 point[2];
+        int32_t face[2] = {-1, -1};
+        bool hit[2] = {false, false};
+        tracer.tracePair(O, D, point, face, hit);
+        each(hit[0], face[0]);
+        each(hit[1], face[1]);
+    }
+    for (; i < rays.size(); ++i) {
+        int32_t face = -1;
+        const bool hit = traceOurs(tracer, rays[i].origin, rays[i].direction, face);
+        each(hit, face);
+    }
+}
+
 double seconds(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
 }
@@ -179,18 +201,23 @@ void setCounters(benchmark::State& state, const Scene& s, int64_t hits) {
 }
 
 // The ray set through this library: the BSP tree's flat copy (BM_Hemiray) or the
-// BVH tracer of 3D runs (BM_Bvh).
+// BVH tracer of 3D runs, two rays at a time as runs trace (BM_Bvh).
 template <bool ThroughBvh>
 void traceRaySet(benchmark::State& state) {
     const Scene& s = sceneFor(state.range(0), state.range(1));
     int64_t hits = 0;
+    const auto count = [&hits](bool hit, int32_t face) {
+        hits += hit ? 1 : 0;
+        benchmark::DoNotOptimize(face);
+    };
     for (auto _ : state) {
+        if (ThroughBvh) {
+            tracePairs(*s.tracer, s.rays, count);
+            continue;
+        }
         for (const BenchRay& ray : s.rays) {
             int32_t face = -1;
-            const bool hit = ThroughBvh ? traceOurs(*s.tracer, ray.origin, ray.direction, face)
-                                        : traceOurs(*s.flat, ray.origin, ray.direction, face);
-            hits += hit ? 1 : 0;
-            benchmark::DoNotOptimize(face);
+            count(traceOurs(*s.flat, ray.origin, ray.direction, face), face);
         }
     }
     setCounters(state, s, hits);
@@ -223,15 +250,16 @@ void BM_Embree(benchmark::State& state) {
         benchmark::Counter::kAvgThreads);
 }
 
-// The three engines in alternation on the same rays, one thread: each iteration
-// traces the ray set through the BSP tree's flat copy, the BVH and Embree, timed
-// separately in CPU seconds of this thread, so that all see the same load from the
-// rest of the machine. Counters: each engine's rays per CPU second, the ratios to
-// Embree, the share of rays the BVH handed to the flat tree, build times and bytes
-// per face of the flat tree and of the BVH.
+// The engines in alternation on the same rays, one thread: each iteration traces
+// the ray set through the BSP tree's flat copy, the BVH one ray at a time, the BVH
+// two rays at a time (as runs trace) and Embree, timed separately in CPU seconds of
+// this thread, so that all see the same load from the rest of the machine.
+// Counters: each engine's rays per CPU second, the ratios to Embree, the share of
+// rays the BVH handed to the flat tree, build times and bytes per face of the flat
+// tree and of the BVH.
 void BM_Ratio(benchmark::State& state) {
     const Scene& s = sceneFor(state.range(0), state.range(1));
-    double bsp = 0, bvh = 0, embree = 0;
+    double bsp = 0, single = 0, bvh = 0, embree = 0;
     for (auto _ : state) {
         const double start = threadCpuSeconds();
         for (const BenchRay& ray : s.rays) {
@@ -245,6 +273,11 @@ void BM_Ratio(benchmark::State& state) {
             benchmark::DoNotOptimize(traceOurs(*s.tracer, ray.origin, ray.direction, face));
             benchmark::DoNotOptimize(face);
         }
+        const double afterSingle = threadCpuSeconds();
+        tracePairs(*s.tracer, s.rays, [](bool hit, int32_t face) {
+            benchmark::DoNotOptimize(hit);
+            benchmark::DoNotOptimize(face);
+        });
         const double afterBvh = threadCpuSeconds();
         for (const BenchRay& ray : s.rays) {
             int32_t face = -1;
@@ -253,7 +286,8 @@ void BM_Ratio(benchmark::State& state) {
         }
         const double end = threadCpuSeconds();
         bsp += afterBsp - start;
-        bvh += afterBvh - afterBsp;
+        single += afterSingle - afterBsp;
+        bvh += afterBvh - afterSingle;
         embree += end - afterBvh;
     }
     const double rays =
@@ -265,6 +299,8 @@ void BM_Ratio(benchmark::State& state) {
     state.counters["embreeRate"] = rays / embree;
     state.counters["bspRatio"] = embree / bsp;
     state.counters["bvhRatio"] = embree / bvh;
+    state.counters["bvhSingleRate"] = rays / single;
+    state.counters["bvhSingleRatio"] = embree / single;
     state.counters["fallbackShare"] =
         static_cast<double>(s.fallbacks) / static_cast<double>(s.rays.size());
     state.counters["fallbacks"] = static_cast<double>(s.fallbacks);

@@ -1,3 +1,4 @@
+
 // The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, leaf packing)
 // and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
 // processor has it, and for the baseline (SSE2). Both forms run the same source;
@@ -576,163 +577,232 @@ bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) cons
 // direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
 // so these are exactly the smaller and the larger of the two plane parameters,
 // and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
-template <bool Wide>
-[[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
-                                                   double tmax) {
-    NearestHit best;
-    const Ray4 lanes = rayLanes(O, D);
-    V8f org[3], inv[3];
-    // Per axis, the byte offsets in a node of the planes the ray enters and leaves by.
-    size_t enterAt[3], leaveAt[3];
-    for (int i = 0; i < 3; ++i) {
-        const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
-        float d = static_cast<float>(D.v[i]);
-        if (!(std::abs(d) >= 1e-30f)) d = std::signbit(d) ? -1e-30f : 1e-30f;
-        org[i] = V8f{o, o, o, o, o, o, o, o};
-        const float id = 1.0f / d;
-        inv[i] = V8f{id, id, id, id, id, id, id, id};
-        const int enter = id < 0 ? 1 : 0;  // the upper plane where the ray runs downwards
-        enterAt[i] = offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * enter + i);
-        leaveAt[i] = offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * (1 - enter) + i);
-    }
-    double limit = tmax;
-    float limitF = roundUp(limit);
-
-    const auto tryFace = [&](int32_t face, double t, const Lanes4* group, int lane, int corners) {
-        if (!best.found || t < best.t) {
-            best.found = true;
-            best.tie = false;
-            best.face = face;
-            best.t = t;
-            best.group = group;
-            best.lane = lane;
-            best.corners = corners;
-        } else if (t == best.t) {
-            best.tie = true;
-        }
-    };
-
-    for (const int32_t face : bvh.alwaysTested_) {
-        double tf = 0;
-        if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, best.found ? best.t : tmax, tf))
-            tryFace(face, tf, nullptr, 0, 0);
-    }
-    if (best.found) {
-        limit = best.t;
-        limitF = roundUp(limit);
-    }
-    if (bvh.empty_) return best;
-
+// One ray's walk, resumable one step (a node or a leaf) at a time, so that a
+// caller can interleave the walks of several rays: while one waits for a node to
+// arrive from memory, the others compute. Each walk's steps, and with them its
+// answer, are those of the walk alone.
+struct BvhWalk {
     struct Entry {
         int32_t code;
         float tNear;
     };
-    // Node codes are byte offsets: no multiplication on the way down.
-    const char* nodeBytes = reinterpret_cast<const char*>(bvh.nodes_.data());
+    static constexpr int32_t pop = INT32_MAX;  // code: take the next entry from the stack
+
+    NearestHit best;
+    Ray4 lanes;
+    V8f org[3], inv[3];
+    // Per axis, the byte offsets in a node of the planes the ray enters and leaves by.
+    size_t enterAt[3], leaveAt[3];
+    double limit;
+    float limitF;
+    int32_t code;
+    int top;
     Entry stack[stackSize];
-    int top = 0;
-    stack[top++] = Entry{bvh.rootCode_, 0.0f};
-    while (top > 0) {
-        const Entry entry = stack[--top];
-        if (entry.tNear > limitF) continue;
-        int32_t code = entry.code;
-        while (code >= 0) {
-            const char* nodeAt = nodeBytes + code;
-            const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeAt);
-            V8f tNear = V8f{},
-                tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
-            for (int i = 0; i < 3; ++i) {
-                const V8f tLow = (*reinterpret_cast<const V8f*>(nodeAt + enterAt[i]) - org[i]) * inv[i];
-                const V8f tHigh = (*reinterpret_cast<const V8f*>(nodeAt + leaveAt[i]) - org[i]) * inv[i];
-                tNear = tNear < tLow ? tLow : tNear;
-                tFar = tHigh < tFar ? tHigh : tFar;
-            }
-            const V8i hit = tNear <= tFar;
-            unsigned mask = laneMask(hit);
-            if (mask == 0) {
-                code = INT32_MAX;  // nothing here: take the next entry
+};
+
+struct BvhQuery {
+    template <bool Wide>
+    static void start(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax, BvhWalk& w);
+    // One node or one leaf; false once the walk is over.
+    template <bool Wide>
+    static bool step(const Bvh& bvh, const Vec3& O, const Vec3& D, BvhWalk& w);
+};
+
+[[gnu::always_inline]] inline void tryFace(NearestHit& best, int32_t face, double t,
+                                           const Lanes4* group, int lane, int corners) {
+    if (!best.found || t < best.t) {
+        best.found = true;
+        best.tie = false;
+        best.face = face;
+        best.t = t;
+        best.group = group;
+        best.lane = lane;
+        best.corners = corners;
+    } else if (t == best.t) {
+        best.tie = true;
+    }
+}
+
+template <bool Wide>
+[[gnu::always_inline]] inline void BvhQuery::start(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax, BvhWalk& w) {
+    w.best = NearestHit{};
+    w.lanes = rayLanes(O, D);
+    for (int i = 0; i < 3; ++i) {
+        const float o = static_cast<float>(O.v[i] - bvh.base_.v[i]);
+        float d = static_cast<float>(D.v[i]);
+        if (!(std::abs(d) >= 1e-30f)) d = std::signbit(d) ? -1e-30f : 1e-30f;
+        w.org[i] = V8f{o, o, o, o, o, o, o, o};
+        const float id = 1.0f / d;
+        w.inv[i] = V8f{id, id, id, id, id, id, id, id};
+        const int enter = id < 0 ? 1 : 0;  // the upper plane where the ray runs downwards
+        w.enterAt[i] = offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * enter + i);
+        w.leaveAt[i] =
+            offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * (1 - enter) + i);
+    }
+    w.limit = tmax;
+    for (const int32_t face : bvh.alwaysTested_) {
+        double tf = 0;
+        if (intersectPolygon(*bvh.faces_, face, O, D, 0.0, w.best.found ? w.best.t : tmax, tf))
+            tryFace(w.best, face, tf, nullptr, 0, 0);
+    }
+    if (w.best.found) w.limit = w.best.t;
+    w.limitF = roundUp(w.limit);
+    w.top = 0;
+    w.code = bvh.empty_ ? BvhWalk::pop : bvh.rootCode_;
+}
+
+template <bool Wide>
+[[gnu::always_inline]] inline bool BvhQuery::step(const Bvh& bvh, const Vec3& O, const Vec3& D, BvhWalk& w) {
+    using Entry = BvhWalk::Entry;
+    int32_t code = w.code;
+    if (code == BvhWalk::pop) {
+        for (;;) {
+            if (w.top == 0) return false;
+            const Entry entry = w.stack[--w.top];
+            if (entry.tNear <= w.limitF) {
+                code = entry.code;
                 break;
             }
-            if ((mask & (mask - 1)) == 0) {  // one child: no order to settle
-                code = node.child[std::countr_zero(mask)];
-                continue;
-            }
-            // Most of a query's time is waiting for memory: ask for every child that
-            // will be visited before the first is needed.
-            const auto prefetchChild = [&bvh, nodeBytes](int32_t child) {
-                if (child >= 0) {
-                    const char* at = nodeBytes + child;
-                    for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
-                } else {  // a leaf's first group, edges included
-                    const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
-                    for (int line = 0; line < 8; ++line) prefetch(at + 64 * line);
-                }
-            };
-            const int first = std::countr_zero(mask);
-            mask &= mask - 1;
-            if ((mask & (mask - 1)) == 0) {  // two children, the commonest case
-                const int second = std::countr_zero(mask);
-                const bool swap = tNear[second] < tNear[first];
-                const int nearK = swap ? second : first, farK = swap ? first : second;
-                prefetchChild(node.child[farK]);
-                prefetchChild(node.child[nearK]);
-                stack[top++] = Entry{node.child[farK], tNear[farK]};
-                code = node.child[nearK];
-                continue;
-            }
-            // The hit children by entry, nearest first.
-            Entry hits[Bvh::width];
-            int hitCount = 1;
-            hits[0] = Entry{node.child[first], tNear[first]};
-            prefetchChild(hits[0].code);
-            for (; mask != 0; mask &= mask - 1) {
-                const int k = std::countr_zero(mask);
-                const Entry e{node.child[k], tNear[k]};
-                prefetchChild(e.code);
-                int j = hitCount++;
-                while (j > 0 && hits[j - 1].tNear > e.tNear) {
-                    hits[j] = hits[j - 1];
-                    --j;
-                }
-                hits[j] = e;
-            }
-            for (int k = hitCount - 1; k > 0; --k) stack[top++] = hits[k];
-            code = hits[0].code;
-        }
-        if (code == INT32_MAX) continue;
-
-        const Lanes4* item = bvh.leaves_.data() + ~code;
-        alignas(32) double t[4];
-        for (;;) {
-            Bvh::GroupHeader header;
-            std::memcpy(&header, item->v, sizeof header);
-            const Lanes4* group = item + 1;
-            if (header.corners == 0) {
-                for (int lane = 0; lane < 4 && header.face[lane] >= 0; ++lane) {
-                    double tf = 0;
-                    if (intersectPolygon(*bvh.faces_, header.face[lane], O, D, 0.0, limit, tf))
-                        tryFace(header.face[lane], tf, nullptr, lane, 0);
-                }
-                item = group;
-            } else {
-                const bool triangles = header.corners == 3;
-                unsigned bits =
-                    triangles ? testGroup<3>(group, header.minDistanceBound, lanes, limit, t)
-                              : testGroup<4>(group, header.minDistanceBound, lanes, limit, t);
-                for (; bits != 0; bits &= bits - 1) {
-                    const int lane = std::countr_zero(bits);
-                    tryFace(header.face[lane], t[lane], group, lane, header.corners);
-                }
-                item = group + polygonGroupEntries(header.corners);
-            }
-            if (header.last) break;
-        }
-        if (best.found && best.t < limit) {
-            limit = best.t;
-            limitF = roundUp(limit);
         }
     }
-    return best;
+    if (code >= 0) {
+        // Node codes are byte offsets: no multiplication on the way down.
+        const char* nodeAt = reinterpret_cast<const char*>(bvh.nodes_.data()) + code;
+        const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeAt);
+        const float limitF = w.limitF;
+        V8f tNear = V8f{}, tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
+        for (int i = 0; i < 3; ++i) {
+            const V8f tLow = (*reinterpret_cast<const V8f*>(nodeAt + w.enterAt[i]) - w.org[i]) * w.inv[i];
+            const V8f tHigh = (*reinterpret_cast<const V8f*>(nodeAt + w.leaveAt[i]) - w.org[i]) * w.inv[i];
+            tNear = tNear < tLow ? tLow : tNear;
+            tFar = tHigh < tFar ? tHigh : tFar;
+        }
+        const V8i hit = tNear <= tFar;
+        unsigned mask = laneMask(hit);
+        if (mask == 0) {  // nothing here: take the next entry
+            w.code = BvhWalk::pop;
+            return true;
+        }
+        if ((mask & (mask - 1)) == 0) {  // one child: no order to settle
+            w.code = node.child[std::countr_zero(mask)];
+            return true;
+        }
+        // Most of a query's time is waiting for memory: ask for every child that
+        // will be visited before the first is needed.
+        const auto prefetchChild = [&bvh, &node, code](int32_t child) {
+            if (child >= 0) {
+                const char* at = reinterpret_cast<const char*>(&node) - code + child;
+                for (int line = 0; line < 4; ++line) prefetch(at + 64 * line);
+            } else {  // a leaf's first group, edges included
+                const char* at = reinterpret_cast<const char*>(bvh.leaves_.data() + ~child);
+                for (int line = 0; line < 8; ++line) prefetch(at + 64 * line);
+            }
+        };
+        const int first = std::countr_zero(mask);
+        mask &= mask - 1;
+        if ((mask & (mask - 1)) == 0) {  // two children, the commonest case
+            const int second = std::countr_zero(mask);
+            const bool swap = tNear[second] < tNear[first];
+            const int nearK = swap ? second : first, farK = swap ? first : second;
+            prefetchChild(node.child[farK]);
+            prefetchChild(node.child[nearK]);
+            w.stack[w.top++] = Entry{node.child[farK], tNear[farK]};
+            w.code = node.child[nearK];
+            return true;
+        }
+        // The hit children by entry, nearest first.
+        Entry hits[Bvh::width];
+        int hitCount = 1;
+        hits[0] = Entry{node.child[first], tNear[first]};
+        prefetchChild(hits[0].code);
+        for (; mask != 0; mask &= mask - 1) {
+            const int k = std::countr_zero(mask);
+            const Entry e{node.child[k], tNear[k]};
+            prefetchChild(e.code);
+            int j = hitCount++;
+            while (j > 0 && hits[j - 1].tNear > e.tNear) {
+                hits[j] = hits[j - 1];
+                --j;
+            }
+            hits[j] = e;
+        }
+        for (int k = hitCount - 1; k > 0; --k) w.stack[w.top++] = hits[k];
+        w.code = hits[0].code;
+        return true;
+    }
+
+    NearestHit& best = w.best;
+    const Lanes4* item = bvh.leaves_.data() + ~code;
+    alignas(32) double t[4];
+    for (;;) {
+        Bvh::GroupHeader header;
+        std::memcpy(&header, item->v, sizeof header);
+        const Lanes4* group = item + 1;
+        if (header.corners == 0) {
+            for (int lane = 0; lane < 4 && header.face[lane] >= 0; ++lane) {
+                double tf = 0;
+                if (intersectPolygon(*bvh.faces_, header.face[lane], O, D, 0.0, w.limit, tf))
+                    tryFace(best, header.face[lane], tf, nullptr, lane, 0);
+            }
+            item = group;
+        } else {
+            const bool triangles = header.corners == 3;
+            unsigned bits =
+                triangles ? testGroup<3>(group, header.minDistanceBound, w.lanes, w.limit, t)
+                          : testGroup<4>(group, header.minDistanceBound, w.lanes, w.limit, t);
+            for (; bits != 0; bits &= bits - 1) {
+                const int lane = std::countr_zero(bits);
+                tryFace(best, header.face[lane], t[lane], group, lane, header.corners);
+            }
+            item = group + polygonGroupEntries(header.corners);
+        }
+        if (header.last) break;
+    }
+    if (best.found && best.t < w.limit) {
+        w.limit = best.t;
+        w.limitF = roundUp(w.limit);
+    }
+    w.code = BvhWalk::pop;
+    return true;
+}
+
+// The query, inlined into one form per instruction set. Children are visited
+// nearest first; a subtree whose box starts beyond the best hit so far is skipped.
+// The box test runs in float on the ray relative to the base; a zero direction
+// component is replaced by a tiny one of the same sign, which moves the ray by far
+// less than the boxes' padding over the scene and keeps 0 * infinity out.
+// On each axis the plane the ray enters by is the lower one where the inverse
+// direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
+// so these are exactly the smaller and the larger of the two plane parameters,
+// and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
+template <bool Wide>
+[[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                   double tmax) {
+    BvhWalk w;
+    BvhQuery::start<Wide>(bvh, O, D, tmax, w);
+    while (BvhQuery::step<Wide>(bvh, O, D, w)) {
+    }
+    return w.best;
+}
+
+// Two rays' walks interleaved step by step: each step's loads are under way while
+// the other walk computes. (Three or four walks gained less: the ray state no
+// longer fits the registers.)
+template <bool Wide>
+[[gnu::always_inline]] inline void nearestPairIn(const Bvh& bvh, const Vec3* O, const Vec3* D,
+                                                 double tmax, NearestHit* hits) {
+    BvhWalk w[2];
+    BvhQuery::start<Wide>(bvh, O[0], D[0], tmax, w[0]);
+    BvhQuery::start<Wide>(bvh, O[1], D[1], tmax, w[1]);
+    bool more0 = true, more1 = true;
+    while (more0 && more1) {
+        more0 = BvhQuery::step<Wide>(bvh, O[0], D[0], w[0]);
+        more1 = BvhQuery::step<Wide>(bvh, O[1], D[1], w[1]);
+    }
+    while (more0) more0 = BvhQuery::step<Wide>(bvh, O[0], D[0], w[0]);
+    while (more1) more1 = BvhQuery::step<Wide>(bvh, O[1], D[1], w[1]);
+    hits[0] = w[0].best;
+    hits[1] = w[1].best;
 }
 
 namespace {
@@ -746,7 +816,24 @@ NearestHit nearestSse2(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax
     return nearestIn<false>(bvh, O, D, tmax);
 }
 
+HEMIRAY_TARGET_AVX2 void nearestPairAvx2(const Bvh& bvh, const Vec3* O, const Vec3* D,
+                                         double tmax, NearestHit* hits) {
+    nearestPairIn<true>(bvh, O, D, tmax, hits);
+}
+
+void nearestPairSse2(const Bvh& bvh, const Vec3* O, const Vec3* D, double tmax,
+                     NearestHit* hits) {
+    nearestPairIn<false>(bvh, O, D, tmax, hits);
+}
+
 }  // namespace
+
+void Bvh::nearestPair(const Vec3 O[2], const Vec3 D[2], double tmax, NearestHit hits[2]) const {
+    if (avx2_)
+        nearestPairAvx2(*this, O, D, tmax, hits);
+    else
+        nearestPairSse2(*this, O, D, tmax, hits);
+}
 
 NearestHit Bvh::nearest(const Vec3& O, const Vec3& D, double tmax) const {
     return avx2_ ? nearestAvx2(*this, O, D, tmax) : nearestSse2(*this, O, D, tmax);

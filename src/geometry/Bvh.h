@@ -71,6 +71,10 @@ public:
     // tmax (t equal to tmax accepted), over all faces; not found when none passes.
     [[nodiscard]] NearestHit nearest(const Vec3& O, const Vec3& D, double tmax) const;
 
+    // nearest for two rays at once: the same answers, with the two walks
+    // interleaved so that each one's memory waits overlap the other's work.
+    void nearestPair(const Vec3 O[2], const Vec3 D[2], double tmax, NearestHit hits[2]) const;
+
     // Whether p lies in the box of the nodes of the hit's face, widened by slack.
     [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const;
 
@@ -101,8 +105,7 @@ public:
     };
 
 private:
-    template <bool Wide>
-    friend NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax);
+    friend struct BvhQuery;
 
     const FaceSet* faces_;  // not owned
     Vec3 base_;

@@ -138,31 +138,60 @@ bool RayTracer::clearOfSplits(const Vec3& p) const {
     return true;
 }
 
-template <class Count>
-bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
-                          Count& fallbacks) const {
-    if (!bvh_) return tree_.trace(O, D, hitPoint, hitFace);
+bool RayTracer::bvhServes(const Vec3& O, const Vec3& D) const {
     // A direction whose components round to float infinity would leave the BVH's box
     // test with 0 * infinity; such rays (never a sampling direction) take the walk.
     const auto inFloatRange = [](double x) { return std::abs(x) < 1e30; };
-    if (inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) &&
-        clearOfSplits(O)) {
-        // No clip: it accepts every origin inside the root box, and its exit lies
-        // beyond any P* that is clear inside the box.
-        const NearestHit nearest = bvh_->nearest(O, D, raymath::dblMax);
-        if (!nearest.found) return false;
-        const Vec3 P = O + D * nearest.t;
-        if (!nearest.tie && clearOfSplits(P) && bvh_->insideFaceBox(nearest, P, 0.5 * margin_)) {
-            hitPoint = P;
-            hitFace = nearest.face;
-            return true;
-        }
-    }
+    return inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) &&
+           clearOfSplits(O);
+}
+
+bool RayTracer::certified(const NearestHit& nearest, const Vec3& O, const Vec3& D,
+                          Vec3& hitPoint, int32_t& hitFace) const {
+    const Vec3 P = O + D * nearest.t;
+    if (nearest.tie || !clearOfSplits(P) || !bvh_->insideFaceBox(nearest, P, 0.5 * margin_))
+        return false;
+    hitPoint = P;
+    hitFace = nearest.face;
+    return true;
+}
+
+template <class Count>
+bool RayTracer::walk(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
+                     Count& fallbacks) const {
     // A ray that misses the root box is no fallback: the walk would not start either.
     double tEnter = 0, tExit = 0;
     if (!tree_.clip(O, D, tEnter, tExit)) return false;
     ++fallbacks;
     return tree_.traverse(O, D, hitPoint, hitFace, tEnter, tExit);
+}
+
+template <class Count>
+bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
+                          Count& fallbacks) const {
+    if (!bvh_) return tree_.trace(O, D, hitPoint, hitFace);
+    if (bvhServes(O, D)) {
+        // No clip: it accepts every origin inside the root box, and its exit lies
+        // beyond any P* that is clear inside the box.
+        const NearestHit nearest = bvh_->nearest(O, D, raymath::dblMax);
+        if (!nearest.found) return false;
+        if (certified(nearest, O, D, hitPoint, hitFace)) return true;
+    }
+    return walk(O, D, hitPoint, hitFace, fallbacks);
+}
+
+void RayTracer::tracePair(const Vec3 O[2], const Vec3 D[2], Vec3 hitPoint[2], int32_t hitFace[2],
+                          bool hit[2]) const {
+    if (!bvh_ || !bvhServes(O[0], D[0]) || !bvhServes(O[1], D[1])) {
+        for (int r = 0; r < 2; ++r) hit[r] = trace(O[r], D[r], hitPoint[r], hitFace[r]);
+        return;
+    }
+    NearestHit nearest[2];
+    bvh_->nearestPair(O, D, raymath::dblMax, nearest);
+    NoCount none;
+    for (int r = 0; r < 2; ++r)
+        hit[r] = nearest[r].found && (certified(nearest[r], O[r], D[r], hitPoint[r], hitFace[r]) ||
+                                      walk(O[r], D[r], hitPoint[r], hitFace[r], none));
 }
 
 bool RayTracer::trace(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace) const {

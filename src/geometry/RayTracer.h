@@ -33,6 +33,12 @@ public:
     [[nodiscard]] bool trace(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                              uint64_t& fallbacks) const;
 
+    // Two rays at once, each with trace's answer (hit[r] its return value); in 3D
+    // runs through the BVH the two walks overlap, which hides much of their waiting
+    // on memory.
+    void tracePair(const Vec3 O[2], const Vec3 D[2], Vec3 hitPoint[2], int32_t hitFace[2],
+                   bool hit[2]) const;
+
     // The BVH, or null where every ray takes the flat tree.
     const Bvh* bvh() const { return bvh_.get(); }
     const TraversalTree& tree() const { return tree_; }
@@ -41,6 +47,15 @@ private:
     template <class Count>
     bool traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
                    Count& fallbacks) const;
+    // Whether the BVH may answer the ray at all.
+    bool bvhServes(const Vec3& O, const Vec3& D) const;
+    // The BVH's answer where the certificate holds: true with the hit set.
+    bool certified(const NearestHit& nearest, const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                   int32_t& hitFace) const;
+    // The flat tree's answer for a ray the BVH could not answer.
+    template <class Count>
+    bool walk(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t& hitFace,
+              Count& fallbacks) const;
     bool clearOfSplits(const Vec3& p) const;
 
     const TraversalTree& tree_;

@@ -254,14 +254,29 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                                        nearestHit, rotation, rayEnds.data());
             return;
         }
-        for (int k = 0; k < rays; ++k) {
+        // Two directions at a time: the BVH overlaps the two walks.
+        int k = 0;
+        for (; k + 1 < rays; k += 2) {
+            const Vec3 O[2] = {f.origin, f.origin};
+            const Vec3 D[2] = {rayDirection(f, hemisphere, k), rayDirection(f, hemisphere, k + 1)};
+            Vec3 hitPoint[2];
+            int32_t hitFace[2] = {-1, -1};
+            bool hit[2] = {false, false};
+            if (tracer) [[likely]] {
+                tracer->tracePair(O, D, hitPoint, hitFace, hit);
+            } else {
+                for (int r = 0; r < 2; ++r) hit[r] = nearestHit(O[r], D[r], hitPoint[r], hitFace[r]);
+            }
+            for (int r = 0; r < 2; ++r) columns[k + r] = hit[r] ? hitFace[r] : noColumn;
+        }
+        for (; k < rays; ++k) {
             Vec3 hitPoint;
             int32_t hitFace = -1;
             const bool hit =
                 nearestHit(f.origin, rayDirection(f, hemisphere, k), hitPoint, hitFace);
             columns[k] = hit ? hitFace : noColumn;
         }
-        for (int k = 0; k < rays; ++k)
+        for (k = 0; k < rays; ++k)
             if (columns[k] != noColumn) columns[k] = rayEnds[static_cast<size_t>(columns[k])];
     };
 

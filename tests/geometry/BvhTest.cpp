@@ -96,6 +96,25 @@ TEST_P(BvhTracer, ReturnsTheWalksHits) {
     }
     EXPECT_GT(hits, rays.size() / 2);
     EXPECT_LT(fallbacks, hits / 2) << "the BVH should answer most rays itself";
+
+    // Two at a time, as runs trace them; neighbours in the list differ in origin,
+    // length of walk and fallback.
+    for (size_t i = 0; i + 1 < rays.size(); i += 2) {
+        const Vec3 O[2] = {rays[i].origin, rays[i + 1].origin};
+        const Vec3 D[2] = {rays[i].direction, rays[i + 1].direction};
+        Vec3 actual[2];
+        int32_t actualFace[2] = {-1, -1};
+        bool hit[2] = {false, false};
+        tracer.tracePair(O, D, actual, actualFace, hit);
+        for (int r = 0; r < 2; ++r) {
+            Vec3 expected;
+            int32_t expectedFace = -1;
+            ASSERT_EQ(hit[r], tree.trace(O[r], D[r], expected, expectedFace)) << i + r;
+            if (!hit[r]) continue;
+            ASSERT_EQ(actualFace[r], expectedFace) << i + r;
+            ASSERT_EQ(std::memcmp(actual[r].v, expected.v, sizeof expected.v), 0) << i + r;
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Meshes, BvhTracer,
