@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <numbers>
 
 #include "Check.h"
 #include "geometry/RayTraversal.h"
@@ -141,6 +142,137 @@ bool flatFace(const FaceSet& faces, int32_t f) {
         offPlane = std::max(offPlane, std::abs(dot(node(k) - last, n)) / area);
     }
     return offPlane <= 1e-9 * size;
+}
+
+// Normal cones, which let a query skip a child all of whose faces face away from
+// the ray: intersectPolygon rejects a face at once when dot(D, n) >= 0.
+//
+// A child's cone is an axis q of integers in [-127, 127] and an angle theta such
+// that every face's area vector lies within theta of q. The query holds the ray's
+// unit direction u as integers d = trunc(64 u) and culls the child when the exact
+// integer q.d reaches the bound T = 128 T8, T8 a byte, with
+//   T >= 64 |q| sin(theta + coneMargin) + |q|_1.
+// Since |d - 64 u| < 1 per component (d truncates), q.d >= T gives u.q / |q| >=
+// sin(theta + coneMargin): the angle between D and q is at most
+// pi/2 - theta - coneMargin, so D makes an angle of at most pi/2 - coneMargin with
+// every area vector and dot(D, n) >= |D| |n| sin(coneMargin), which no double
+// rounding of the dot product (about 1e-15 of |D| |n|) brings down to 0. A culled
+// face is one the test would reject: the nearest hit and its ties are unchanged.
+// The sums stay within 3 * 127 * 64 and the bounds within 127 * 128, in 16 bits.
+// Faces with a zero area vector always fail the test and bound nothing: a child of
+// only such faces has q = 0 and T = 0 (always culled); a child that can never be
+// culled has q = 0 and T8 = 1.
+constexpr double coneMargin = 1e-3;
+constexpr int coneAxisScale = 127;  // the axis's largest component
+constexpr int coneRayScale = 64;    // the direction's scale
+constexpr int coneBoundShift = 7;   // T = T8 * 2^7
+// |d - 64 u| per component: below 1 from the truncation to an integer, and far
+// less from the rounding of 64 D / |D| in double.
+constexpr double coneRayError = 1 + 1e-9;
+
+struct Cone {
+    int8_t axis[3] = {0, 0, 0};
+    Vec3 unit{};        // axis normalised
+    double theta = 0;   // every area vector lies within this angle of unit
+    bool empty = true;  // no face with an area vector: nothing below can pass
+    bool never = false; // no direction is certain to face away from every face
+};
+
+// v / |v| without underflow or overflow in |v|; false for a zero vector.
+bool unitOf(const Vec3& v, Vec3& unit) {
+    const double m = std::max({std::abs(v.v[0]), std::abs(v.v[1]), std::abs(v.v[2])});
+    if (!(m > 0) || !std::isfinite(m)) return false;
+    const Vec3 scaled = v * (1.0 / m);
+    unit = scaled * (1.0 / norm(scaled));
+    return true;
+}
+
+double angleBetween(const Vec3& a, const Vec3& b) {
+    return std::atan2(norm(cross(a, b)), dot(a, b));
+}
+
+// The cone around `sum` (a sum of member axes) that holds every member, each
+// given as a unit vector with its own angle.
+template <class Members>
+Cone coneAround(const Vec3& sum, const Members& members) {
+    Cone cone;
+    cone.empty = false;
+    Vec3 direction;
+    if (!unitOf(sum, direction)) {
+        cone.never = true;  // opposite normals
+        return cone;
+    }
+    const double m = std::max({std::abs(direction.v[0]), std::abs(direction.v[1]),
+                               std::abs(direction.v[2])});
+    Vec3 q;
+    for (int i = 0; i < 3; ++i) {
+        q.v[i] = std::round(direction.v[i] / m * coneAxisScale);
+        cone.axis[i] = static_cast<int8_t>(q.v[i]);
+    }
+    unitOf(q, cone.unit);  // the largest component is coneAxisScale
+    members([&](const Vec3& unit, double theta) {
+        // 1e-9 covers the rounding of the angle itself.
+        cone.theta = std::max(cone.theta, angleBetween(cone.unit, unit) + theta + 1e-9);
+    });
+    return cone;
+}
+
+// A child's cone as the query reads it: the axis, then T8.
+void storeCone(const Cone& cone, int8_t out[4]) {
+    out[0] = out[1] = out[2] = 0;
+    out[3] = cone.empty ? 0 : 1;
+    if (cone.empty || cone.never || !(cone.theta + coneMargin < 0.5 * std::numbers::pi)) return;
+    const Vec3 q{static_cast<double>(cone.axis[0]), static_cast<double>(cone.axis[1]),
+                 static_cast<double>(cone.axis[2])};
+    const double l1 = std::abs(q.v[0]) + std::abs(q.v[1]) + std::abs(q.v[2]);
+    // 1e-6 covers the rounding of this bound.
+    const double bound =
+        coneRayScale * norm(q) * std::sin(cone.theta + coneMargin) + coneRayError * l1 + 1e-6;
+    const double bound8 = std::ceil(bound / (1 << coneBoundShift));
+    if (!(bound8 <= 127)) return;
+    for (int i = 0; i < 3; ++i) out[i] = cone.axis[i];
+    out[3] = static_cast<int8_t>(bound8);
+}
+
+// The ray's d for the cone test: on x86 each component in all eight 16-bit lanes
+// of a vector, elsewhere as a plain integer.
+#if HEMIRAY_X86
+using ConeRay = __m128i;
+inline ConeRay coneRayOf(int16_t d) {
+    return _mm_set1_epi16(d);
+}
+#else
+using ConeRay = int;
+inline ConeRay coneRayOf(int16_t d) {
+    return d;
+}
+#endif
+
+// Bit k set where child k's cone does not rule the ray out: q.d < T. `cone` is a
+// node's four rows of eight bytes (16-byte aligned).
+[[gnu::always_inline]] inline unsigned coneKeepMask(const int8_t* cone, const ConeRay dir[3]) {
+#if HEMIRAY_X86
+    const __m128i xy = _mm_load_si128(reinterpret_cast<const __m128i*>(cone));
+    const __m128i zt = _mm_load_si128(reinterpret_cast<const __m128i*>(cone + 16));
+    // Bytes to 16 bits with their sign: each byte in the high half, shifted down.
+    const __m128i qx = _mm_srai_epi16(_mm_unpacklo_epi8(xy, xy), 8);
+    const __m128i qy = _mm_srai_epi16(_mm_unpackhi_epi8(xy, xy), 8);
+    const __m128i qz = _mm_srai_epi16(_mm_unpacklo_epi8(zt, zt), 8);
+    const __m128i bound =
+        _mm_slli_epi16(_mm_srai_epi16(_mm_unpackhi_epi8(zt, zt), 8), coneBoundShift);
+    const __m128i dot = _mm_add_epi16(
+        _mm_add_epi16(_mm_mullo_epi16(qx, dir[0]), _mm_mullo_epi16(qy, dir[1])),
+        _mm_mullo_epi16(qz, dir[2]));
+    const __m128i keep = _mm_cmpgt_epi16(bound, dot);
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(keep, keep))) & 0xffu;
+#else
+    unsigned keep = 0;
+    for (int k = 0; k < 8; ++k) {
+        const int dot = cone[k] * dir[0] + cone[8 + k] * dir[1] + cone[16 + k] * dir[2];
+        keep |= (dot < cone[24 + k] * (1 << coneBoundShift) ? 1u : 0u) << k;
+    }
+    return keep;
+#endif
 }
 
 // Groups of four are what a leaf pays for.
@@ -423,6 +555,43 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
     builder.build(0, static_cast<uint32_t>(refs.size()), 0);
     const std::vector<BuildNode>& bnodes = builder.nodes();
 
+    // Normal cones bottom-up: a node's children come after it in the build order.
+    std::vector<Cone> cones(bnodes.size());
+    for (size_t b = bnodes.size(); b-- > 0;) {
+        const BuildNode& bn = bnodes[b];
+        Vec3 sum{};
+        if (bn.child[0] < 0) {
+            bool any = false;
+            for (uint32_t i = bn.begin; i < bn.end; ++i) {
+                Vec3 unit;
+                if (!unitOf(faces.faceNormal[static_cast<size_t>(refs[i].face)], unit)) continue;
+                sum = sum + unit;
+                any = true;
+            }
+            if (!any) continue;  // empty: only faces without area
+            cones[b] = coneAround(sum, [&](const auto& visit) {
+                for (uint32_t i = bn.begin; i < bn.end; ++i) {
+                    Vec3 unit;
+                    if (unitOf(faces.faceNormal[static_cast<size_t>(refs[i].face)], unit))
+                        visit(unit, 0.0);
+                }
+            });
+            continue;
+        }
+        // The children's axes weighted by their face counts.
+        const Cone* kids[2] = {&cones[static_cast<size_t>(bn.child[0])],
+                               &cones[static_cast<size_t>(bn.child[1])]};
+        if (kids[0]->empty && kids[1]->empty) continue;
+        for (int side = 0; side < 2; ++side) {
+            const BuildNode& c = bnodes[static_cast<size_t>(bn.child[side])];
+            if (!kids[side]->empty) sum = sum + kids[side]->unit * static_cast<double>(c.end - c.begin);
+        }
+        cones[b] = coneAround(sum, [&](const auto& visit) {
+            for (const Cone* c : kids)
+                if (!c->empty) visit(c->unit, c->theta);
+        });
+    }
+
     const auto cornersOf = [&](int32_t f) {
         return faces.faceNodeStart[static_cast<size_t>(f) + 1] -
                faces.faceNodeStart[static_cast<size_t>(f)];
@@ -491,11 +660,17 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         nodes_.push_back(Node{});
         for (int k = 0; k < Bvh::width; ++k) {
             Node& node = nodes_[static_cast<size_t>(index)];
+            const auto kid = static_cast<size_t>(kids[k < used ? k : 0]);
             for (int i = 0; i < 3; ++i) {
-                const Box& box = bnodes[static_cast<size_t>(kids[k < used ? k : 0])].box;
+                const Box& box = bnodes[kid].box;
                 node.bound[0][i][k] = k < used ? box.lo[i] : std::numeric_limits<float>::infinity();
                 node.bound[1][i][k] = k < used ? box.hi[i] : -std::numeric_limits<float>::infinity();
             }
+            // An empty slot is never culled (nor hit); nor is a child of the root,
+            // whose test would wait for the ray's direction to be scaled.
+            int8_t cone[4] = {0, 0, 0, 1};
+            if (k < used && b != 0) storeCone(cones[kid], cone);
+            for (int i = 0; i < 4; ++i) node.cone[i][k] = cone[i];
         }
         for (int k = 0; k < used; ++k) {
             const int32_t code = self(self, kids[k]);
@@ -591,6 +766,7 @@ struct BvhWalk {
     NearestHit best;
     Ray4 lanes;
     V8f org[3], inv[3];
+    ConeRay dir[3];  // the unit direction for the normal cones: d = trunc(64 u)
     // Per axis, the byte offsets in a node of the planes the ray enters and leaves by.
     size_t enterAt[3], leaveAt[3];
     double limit;
@@ -639,6 +815,16 @@ template <bool Wide>
         w.leaveAt[i] =
             offsetof(Bvh::Node, bound) + sizeof(float) * Bvh::width * (3 * (1 - enter) + i);
     }
+    {
+        // The root's children are never culled, so that this division need not hold
+        // up the first step. A direction too short or too long to square (never a
+        // sampling direction) culls only children without a face that can be hit.
+        const double length2 = dot(D, D);
+        const bool usable = length2 > 1e-300 && length2 < 1e300;
+        const double scale = coneRayScale / std::sqrt(usable ? length2 : 1.0);
+        for (int i = 0; i < 3; ++i)
+            w.dir[i] = coneRayOf(usable ? static_cast<int16_t>(D.v[i] * scale) : int16_t{0});
+    }
     w.limit = tmax;
     for (const int32_t face : bvh.alwaysTested_) {
         double tf = 0;
@@ -678,7 +864,7 @@ template <bool Wide>
             tFar = tHigh < tFar ? tHigh : tFar;
         }
         const V8i hit = tNear <= tFar;
-        unsigned mask = laneMask(hit);
+        unsigned mask = laneMask(hit) & coneKeepMask(&node.cone[0][0], w.dir);
         if (mask == 0) {  // nothing here: take the next entry
             w.code = BvhWalk::pop;
             return true;

@@ -93,6 +93,7 @@ public:
     struct alignas(32) Node {
         float bound[2][3][width];
         int32_t child[width];  // >= 0: a node's byte offset in nodes_; < 0: ~(first entry of a leaf in leaves_)
+        int8_t cone[4][width];
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).

@@ -67,8 +67,9 @@ fails "couldn't write output file" -np 2 "$cli" run m.msh -o folder --force
 [[ -d folder ]] || die "the folder was replaced"
 
 # A rank killed mid-run: the earlier result and the input stay, no partial file.
-# Several windows of rays, so that rank 0's share of the rays changes on the way.
-"$cli" gen room -o big.msh --n 12 --res 24 > /dev/null
+# Several windows of rays, so that rank 0's share of the rays changes on the way,
+# and a second or so of tracing, so that the kill lands mid-run.
+"$cli" gen room -o big.msh --n 12 --res 48 > /dev/null
 "$cli" run big.msh -o big-one.vf --threads 3 > /dev/null
 "${mpi[@]}" -np 3 "$cli" run big.msh -o big-mpi.vf --threads 1 > /dev/null
 cmp big-one.vf big-mpi.vf || die "3 ranks x 1 thread, several windows"
