@@ -1,6 +1,5 @@
-
-// The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, leaf packing)
-// and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
+// The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, normal cones,
+// leaf packing) and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
 // processor has it, and for the baseline (SSE2). Both forms run the same source;
 // the group test is written with generic vectors of four doubles, which the
 // baseline form splits into pairs. Compiled with -ffp-contract=off: no multiply
@@ -172,10 +171,10 @@ constexpr double coneRayError = 1 + 1e-9;
 
 struct Cone {
     int8_t axis[3] = {0, 0, 0};
-    Vec3 unit{};        // axis normalised
-    double theta = 0;   // every area vector lies within this angle of unit
-    bool empty = true;  // no face with an area vector: nothing below can pass
-    bool never = false; // no direction is certain to face away from every face
+    Vec3 unit{};         // axis normalised
+    double theta = 0;    // every area vector lies within this angle of unit
+    bool empty = true;   // no face with an area vector: nothing below can pass
+    bool never = false;  // no direction is certain to face away from every face
 };
 
 // v / |v| without underflow or overflow in |v|; false for a zero vector.
@@ -202,8 +201,8 @@ Cone coneAround(const Vec3& sum, const Members& members) {
         cone.never = true;  // opposite normals
         return cone;
     }
-    const double m = std::max({std::abs(direction.v[0]), std::abs(direction.v[1]),
-                               std::abs(direction.v[2])});
+    const double m =
+        std::max({std::abs(direction.v[0]), std::abs(direction.v[1]), std::abs(direction.v[2])});
     Vec3 q;
     for (int i = 0; i < 3; ++i) {
         q.v[i] = std::round(direction.v[i] / m * coneAxisScale);
@@ -260,9 +259,9 @@ inline ConeRay coneRayOf(int16_t d) {
     const __m128i qz = _mm_srai_epi16(_mm_unpacklo_epi8(zt, zt), 8);
     const __m128i bound =
         _mm_slli_epi16(_mm_srai_epi16(_mm_unpackhi_epi8(zt, zt), 8), coneBoundShift);
-    const __m128i dot = _mm_add_epi16(
-        _mm_add_epi16(_mm_mullo_epi16(qx, dir[0]), _mm_mullo_epi16(qy, dir[1])),
-        _mm_mullo_epi16(qz, dir[2]));
+    const __m128i dot =
+        _mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(qx, dir[0]), _mm_mullo_epi16(qy, dir[1])),
+                      _mm_mullo_epi16(qz, dir[2]));
     const __m128i keep = _mm_cmpgt_epi16(bound, dot);
     return static_cast<unsigned>(_mm_movemask_epi8(_mm_packs_epi16(keep, keep))) & 0xffu;
 #else
@@ -584,7 +583,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         if (kids[0]->empty && kids[1]->empty) continue;
         for (int side = 0; side < 2; ++side) {
             const BuildNode& c = bnodes[static_cast<size_t>(bn.child[side])];
-            if (!kids[side]->empty) sum = sum + kids[side]->unit * static_cast<double>(c.end - c.begin);
+            if (!kids[side]->empty)
+                sum = sum + kids[side]->unit * static_cast<double>(c.end - c.begin);
         }
         cones[b] = coneAround(sum, [&](const auto& visit) {
             for (const Cone* c : kids)
@@ -664,7 +664,8 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
             for (int i = 0; i < 3; ++i) {
                 const Box& box = bnodes[kid].box;
                 node.bound[0][i][k] = k < used ? box.lo[i] : std::numeric_limits<float>::infinity();
-                node.bound[1][i][k] = k < used ? box.hi[i] : -std::numeric_limits<float>::infinity();
+                node.bound[1][i][k] =
+                    k < used ? box.hi[i] : -std::numeric_limits<float>::infinity();
             }
             // An empty slot is never culled (nor hit); nor is a child of the root,
             // whose test would wait for the ray's direction to be scaled.
@@ -800,7 +801,8 @@ struct BvhQuery {
 }
 
 template <bool Wide>
-[[gnu::always_inline]] inline void BvhQuery::start(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax, BvhWalk& w) {
+[[gnu::always_inline]] inline void BvhQuery::start(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                   double tmax, BvhWalk& w) {
     w.best = NearestHit{};
     w.lanes = rayLanes(O, D);
     for (int i = 0; i < 3; ++i) {
@@ -838,7 +840,8 @@ template <bool Wide>
 }
 
 template <bool Wide>
-[[gnu::always_inline]] inline bool BvhQuery::step(const Bvh& bvh, const Vec3& O, const Vec3& D, BvhWalk& w) {
+[[gnu::always_inline]] inline bool BvhQuery::step(const Bvh& bvh, const Vec3& O, const Vec3& D,
+                                                  BvhWalk& w) {
     using Entry = BvhWalk::Entry;
     int32_t code = w.code;
     if (code == BvhWalk::pop) {
@@ -856,10 +859,13 @@ template <bool Wide>
         const char* nodeAt = reinterpret_cast<const char*>(bvh.nodes_.data()) + code;
         const auto& node = *reinterpret_cast<const Bvh::Node*>(nodeAt);
         const float limitF = w.limitF;
-        V8f tNear = V8f{}, tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
+        V8f tNear = V8f{},
+            tFar = V8f{limitF, limitF, limitF, limitF, limitF, limitF, limitF, limitF};
         for (int i = 0; i < 3; ++i) {
-            const V8f tLow = (*reinterpret_cast<const V8f*>(nodeAt + w.enterAt[i]) - w.org[i]) * w.inv[i];
-            const V8f tHigh = (*reinterpret_cast<const V8f*>(nodeAt + w.leaveAt[i]) - w.org[i]) * w.inv[i];
+            const V8f tLow =
+                (*reinterpret_cast<const V8f*>(nodeAt + w.enterAt[i]) - w.org[i]) * w.inv[i];
+            const V8f tHigh =
+                (*reinterpret_cast<const V8f*>(nodeAt + w.leaveAt[i]) - w.org[i]) * w.inv[i];
             tNear = tNear < tLow ? tLow : tNear;
             tFar = tHigh < tFar ? tHigh : tFar;
         }
@@ -933,9 +939,9 @@ template <bool Wide>
             item = group;
         } else {
             const bool triangles = header.corners == 3;
-            unsigned bits =
-                triangles ? testGroup<3>(group, header.minDistanceBound, w.lanes, w.limit, t)
-                          : testGroup<4>(group, header.minDistanceBound, w.lanes, w.limit, t);
+            unsigned bits = triangles
+                                ? testGroup<3>(group, header.minDistanceBound, w.lanes, w.limit, t)
+                                : testGroup<4>(group, header.minDistanceBound, w.lanes, w.limit, t);
             for (; bits != 0; bits &= bits - 1) {
                 const int lane = std::countr_zero(bits);
                 tryFace(best, header.face[lane], t[lane], group, lane, header.corners);
@@ -1002,13 +1008,12 @@ NearestHit nearestSse2(const Bvh& bvh, const Vec3& O, const Vec3& D, double tmax
     return nearestIn<false>(bvh, O, D, tmax);
 }
 
-HEMIRAY_TARGET_AVX2 void nearestPairAvx2(const Bvh& bvh, const Vec3* O, const Vec3* D,
-                                         double tmax, NearestHit* hits) {
+HEMIRAY_TARGET_AVX2 void nearestPairAvx2(const Bvh& bvh, const Vec3* O, const Vec3* D, double tmax,
+                                         NearestHit* hits) {
     nearestPairIn<true>(bvh, O, D, tmax, hits);
 }
 
-void nearestPairSse2(const Bvh& bvh, const Vec3* O, const Vec3* D, double tmax,
-                     NearestHit* hits) {
+void nearestPairSse2(const Bvh& bvh, const Vec3* O, const Vec3* D, double tmax, NearestHit* hits) {
     nearestPairIn<false>(bvh, O, D, tmax, hits);
 }
 

@@ -1,8 +1,10 @@
 // A bounding-volume hierarchy over the faces of a 3D run, for finding a ray's
 // nearest face hit fast: a binned surface-area-heuristic build, collapsed to nodes
-// of eight children with float boxes rounded outward, and leaves of at most eight
-// faces stored as groups of four polygons in structure-of-arrays doubles that are
-// tested four at a time. Every face lies in exactly one leaf.
+// of eight children with float boxes rounded outward and a normal cone per child
+// (a ray that faces away from every face below a child skips it), and leaves of at
+// most eight faces stored as groups of four polygons in structure-of-arrays doubles
+// that are tested four at a time. Every face lies in exactly one leaf. Two rays'
+// walks can run interleaved, so that one's waits on memory overlap the other's work.
 //
 // The group test evaluates, lane by lane, exactly the operations of
 // intersectPolygon in the same order (this file's translation unit is compiled
@@ -92,15 +94,19 @@ public:
     // upper = -inf, which every ray misses.
     struct alignas(32) Node {
         float bound[2][3][width];
-        int32_t child[width];  // >= 0: a node's byte offset in nodes_; < 0: ~(first entry of a leaf in leaves_)
+        // >= 0: a node's byte offset in nodes_; < 0: ~(first entry of a leaf in leaves_)
+        int32_t child[width];
+        // Each child's normal cone: an axis of small integers (rows 0 to 2) and a
+        // bound (row 3); a ray whose scaled direction reaches the bound along the
+        // axis faces away from every face below the child, which it then skips.
         int8_t cone[4][width];
     };
     // A leaf is a run of groups in leaves_, each a header entry followed by its
     // polygon entries (none for faces tested alone by intersectPolygon).
     struct GroupHeader {
-        int32_t face[4];  // -1 in empty lanes
-        int32_t corners;  // 3 or 4; 0: faces tested alone
-        int32_t last;     // 1 in the leaf's last group
+        int32_t face[4];         // -1 in empty lanes
+        int32_t corners;         // 3 or 4; 0: faces tested alone
+        int32_t last;            // 1 in the leaf's last group
         float minDistanceBound;  // packPolygonGroup's result
         int32_t unused;
     };

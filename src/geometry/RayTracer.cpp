@@ -45,8 +45,8 @@
 // half of it, so that P* rounded off a face's node box by a few ulps (a ray hitting
 // an axis-aligned face) still passes. Non-finite coordinates or area vectors anywhere,
 // or a scene beyond 1e30, turn the BVH off for the run; a ray whose direction is not
-// finite or beyond 1e30, or whose origin lies outside the root box, goes to the walk. Mirror and periodic steps start new rays, whose origins are
-// checked the same way.
+// finite or beyond 1e30, or whose origin lies outside the root box, goes to the walk. Mirror and
+// periodic steps start new rays, whose origins are checked the same way.
 #include "geometry/RayTracer.h"
 
 #include <algorithm>
@@ -142,12 +142,11 @@ bool RayTracer::bvhServes(const Vec3& O, const Vec3& D) const {
     // A direction whose components round to float infinity would leave the BVH's box
     // test with 0 * infinity; such rays (never a sampling direction) take the walk.
     const auto inFloatRange = [](double x) { return std::abs(x) < 1e30; };
-    return inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) &&
-           clearOfSplits(O);
+    return inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) && clearOfSplits(O);
 }
 
-bool RayTracer::certified(const NearestHit& nearest, const Vec3& O, const Vec3& D,
-                          Vec3& hitPoint, int32_t& hitFace) const {
+bool RayTracer::certified(const NearestHit& nearest, const Vec3& O, const Vec3& D, Vec3& hitPoint,
+                          int32_t& hitFace) const {
     const Vec3 P = O + D * nearest.t;
     if (nearest.tie || !clearOfSplits(P) || !bvh_->insideFaceBox(nearest, P, 0.5 * margin_))
         return false;

@@ -265,7 +265,8 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
             if (tracer) [[likely]] {
                 tracer->tracePair(O, D, hitPoint, hitFace, hit);
             } else {
-                for (int r = 0; r < 2; ++r) hit[r] = nearestHit(O[r], D[r], hitPoint[r], hitFace[r]);
+                for (int r = 0; r < 2; ++r)
+                    hit[r] = nearestHit(O[r], D[r], hitPoint[r], hitFace[r]);
             }
             for (int r = 0; r < 2; ++r) columns[k + r] = hit[r] ? hitFace[r] : noColumn;
         }

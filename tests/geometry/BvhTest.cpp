@@ -153,8 +153,8 @@ TEST(PolygonGroup, EveryLaneIsTheScalarTest) {
                     if (intersectPolygon(mesh->faces, face[k], ray.origin, ray.direction, 0, limit,
                                          t[k]))
                         expected |= 1u << k;
-                const unsigned lanes =
-                    testPolygonGroupSse2(group, corners, bound, ray.origin, ray.direction, limit, tLane);
+                const unsigned lanes = testPolygonGroupSse2(group, corners, bound, ray.origin,
+                                                            ray.direction, limit, tLane);
                 std::memcpy(tWide, tLane, sizeof tWide);
                 const unsigned wide = cpuHasAvx2()
                                           ? testPolygonGroupAvx2(group, corners, bound, ray.origin,
