@@ -5,7 +5,10 @@ trace them, and one at a time) as a ratio against Embree's,
 all measured in the same run on the same rays, with the BVH's fallbacks to the
 tree, build times and bytes per face.
 
-    scripts/embree-ratio.py [BUILD_DIR] [extra benchmark arguments...]
+    scripts/embree-ratio.py [BUILD_DIR] [--plot OUT.png] [extra benchmark arguments...]
+
+--plot draws BM_Ratio's rates against faces with gnuplot (apt-get install
+gnuplot-nox): BSP, the BVH two rays and one ray at a time, and Embree.
 
 Uses the medians of the repetitions (five unless --benchmark_repetitions is given);
 BM_Ratio's rates are rays per CPU second of its one thread; the separate
@@ -22,6 +25,11 @@ binary = os.path.join(build, "bench", "hemiray_embree_bench")
 if not os.path.exists(binary):
     sys.exit(f"{binary} not found: configure with Debian's libembree-dev installed")
 extra = sys.argv[2:]
+plot = None
+if "--plot" in extra:
+    at = extra.index("--plot")
+    plot = extra[at + 1]
+    del extra[at:at + 2]
 repetitions = [] if any(a.startswith("--benchmark_repetitions") for a in extra) else [
     "--benchmark_repetitions=5"]
 command = [binary, "--benchmark_format=json", "--benchmark_report_aggregates_only=true"] + \
@@ -73,3 +81,23 @@ for (engine, model, faces, threads), rate in sorted(rates.items(), key=lambda kv
     agreement = extras[("Embree", model, faces, threads)][2]
     print(f"| {names[model]} | {int(actual_faces)} | {threads} | {rate / 1e3:.0f} k | {bvh / 1e3:.0f} k | "
           f"{embree / 1e3:.0f} k | {bvh / embree:.3f} | {100 * agreement:.3f} % |")
+
+if plot:
+    curves = [("bspRate", "BSP walk", 6, 2), ("bvhSingleRate", "BVH, one ray at a time", 4, 2),
+              ("bvhRate", "BVH, two rays at a time (runs)", 7, 1), ("embreeRate", "Embree rtcIntersect1", 5, 1)]
+    colors = {0: "#1b6ca8", 1: "#c0392b"}
+    data, plots = [], []
+    for model in (0, 1):
+        for key, title, point, dash in curves:
+            points = sorted((int(b["faces"]), b[key]) for (m, _), b in alternating.items() if m == model)
+            if not points:
+                continue
+            data.append("\n".join(f"{f} {r}" for f, r in points) + "\ne\n")
+            plots.append(f"'-' using 1:2 with linespoints lw 2 dt {dash} pt {point} "
+                         f"lc rgb '{colors[model]}' title '{names[model]}: {title}'")
+    script = (f"set terminal pngcairo size 900,620 font ',11' noenhanced\nset output '{plot}'\n"
+              "set logscale xy\nset grid xtics ytics mxtics mytics lc rgb '#dddddd'\n"
+              "set xlabel 'faces'\nset ylabel 'rays per CPU second, one thread'\n"
+              "set key outside below\n"
+              "plot " + ", ".join(plots) + "\n" + "".join(data))
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)

@@ -702,34 +702,9 @@ size_t Bvh::bytes() const {
     return sizeof(*this) + nodes_.capacity() * sizeof(Node) + leaves_.capacity() * sizeof(Lanes4);
 }
 
-namespace {
-
-// Whether p lies in the box of the nodes of lane `lane` of a group of `Corners`
-// nodes (the last node at entry 3, the others from entry 6 on), widened by slack.
-template <int Corners>
-bool insideGroupBox(const Lanes4* group, int lane, const Vec3& p, double slack) {
-    for (int axis = 0; axis < 3; ++axis) {
-        double lo = group[3 + axis].v[lane], hi = lo;
-        for (int k = 0; k + 1 < Corners; ++k) {
-            const double x = group[6 + 3 * k + axis].v[lane];
-            lo = std::min(lo, x);
-            hi = std::max(hi, x);
-        }
-        if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
-    }
-    return true;
-}
-
-}  // namespace
-
-bool Bvh::insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
-    // The nodes of the face: from its group, which the query has just read, or from
-    // the face set.
-    if (hit.group)
-        return hit.corners == 3 ? insideGroupBox<3>(hit.group, hit.lane, p, slack)
-                                : insideGroupBox<4>(hit.group, hit.lane, p, slack);
-    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face)]);
-    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(hit.face) + 1]);
+bool Bvh::insideNodeBox(int32_t face, const Vec3& p, double slack) const {
+    const auto begin = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(face)]);
+    const auto end = static_cast<size_t>(faces_->faceNodeStart[static_cast<size_t>(face) + 1]);
     const auto node = [&](size_t k) -> const Vec3& {
         return (*faces_->nodes)[static_cast<size_t>(faces_->faceNodes[k])];
     };

@@ -77,8 +77,13 @@ public:
     // interleaved so that each one's memory waits overlap the other's work.
     void nearestPair(const Vec3 O[2], const Vec3 D[2], double tmax, NearestHit hits[2]) const;
 
-    // Whether p lies in the box of the nodes of the hit's face, widened by slack.
-    [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const;
+    // Whether p lies in the box of the nodes of the hit's face, widened by slack: from
+    // the face's group, which the query has just read, or from the face set.
+    [[nodiscard]] bool insideFaceBox(const NearestHit& hit, const Vec3& p, double slack) const {
+        if (!hit.group) return insideNodeBox(hit.face, p, slack);
+        return hit.corners == 3 ? insideGroupBox<3>(hit.group, hit.lane, p, slack)
+                                : insideGroupBox<4>(hit.group, hit.lane, p, slack);
+    }
 
     // False when so many faces are warped polygons (tested for every ray, outside
     // the hierarchy) that the BVH should not be used.
@@ -113,6 +118,23 @@ public:
 
 private:
     friend struct BvhQuery;
+
+    // The box of lane `lane` of a group of `Corners` nodes (the last node at entry 3,
+    // the others from entry 6 on).
+    template <int Corners>
+    static bool insideGroupBox(const Lanes4* group, int lane, const Vec3& p, double slack) {
+        for (int axis = 0; axis < 3; ++axis) {
+            double lo = group[3 + axis].v[lane], hi = lo;
+            for (int k = 0; k + 1 < Corners; ++k) {
+                const double x = group[6 + 3 * k + axis].v[lane];
+                lo = x < lo ? x : lo;
+                hi = x > hi ? x : hi;
+            }
+            if (!(lo - slack <= p.v[axis] && p.v[axis] <= hi + slack)) return false;
+        }
+        return true;
+    }
+    bool insideNodeBox(int32_t face, const Vec3& p, double slack) const;
 
     const FaceSet* faces_;  // not owned
     Vec3 base_;

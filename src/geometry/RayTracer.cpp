@@ -52,6 +52,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -138,15 +139,20 @@ bool RayTracer::clearOfSplits(const Vec3& p) const {
     return true;
 }
 
-bool RayTracer::bvhServes(const Vec3& O, const Vec3& D) const {
+bool RayTracer::bvhServesDirection(const Vec3& D) {
     // A direction whose components round to float infinity would leave the BVH's box
     // test with 0 * infinity; such rays (never a sampling direction) take the walk.
     const auto inFloatRange = [](double x) { return std::abs(x) < 1e30; };
-    return inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]) && clearOfSplits(O);
+    return inFloatRange(D.v[0]) && inFloatRange(D.v[1]) && inFloatRange(D.v[2]);
 }
 
-bool RayTracer::certified(const NearestHit& nearest, const Vec3& O, const Vec3& D, Vec3& hitPoint,
-                          int32_t& hitFace) const {
+bool RayTracer::bvhServes(const Vec3& O, const Vec3& D) const {
+    return bvhServesDirection(D) && clearOfSplits(O);
+}
+
+[[gnu::always_inline]] inline bool RayTracer::certified(const NearestHit& nearest, const Vec3& O,
+                                                        const Vec3& D, Vec3& hitPoint,
+                                                        int32_t& hitFace) const {
     const Vec3 P = O + D * nearest.t;
     if (nearest.tie || !clearOfSplits(P) || !bvh_->insideFaceBox(nearest, P, 0.5 * margin_))
         return false;
@@ -181,7 +187,10 @@ bool RayTracer::traceWith(const Vec3& O, const Vec3& D, Vec3& hitPoint, int32_t&
 
 void RayTracer::tracePair(const Vec3 O[2], const Vec3 D[2], Vec3 hitPoint[2], int32_t hitFace[2],
                           bool hit[2]) const {
-    if (!bvh_ || !bvhServes(O[0], D[0]) || !bvhServes(O[1], D[1])) {
+    // A face's directions share their origin: its check is done once.
+    const bool sameOrigin = std::memcmp(O[0].v, O[1].v, sizeof O[0].v) == 0;
+    if (!bvh_ || !bvhServes(O[0], D[0]) ||
+        !(sameOrigin ? bvhServesDirection(D[1]) : bvhServes(O[1], D[1]))) {
         for (int r = 0; r < 2; ++r) hit[r] = trace(O[r], D[r], hitPoint[r], hitFace[r]);
         return;
     }

@@ -49,6 +49,7 @@ private:
                    Count& fallbacks) const;
     // Whether the BVH may answer the ray at all.
     bool bvhServes(const Vec3& O, const Vec3& D) const;
+    static bool bvhServesDirection(const Vec3& D);
     // The BVH's answer where the certificate holds: true with the hit set.
     bool certified(const NearestHit& nearest, const Vec3& O, const Vec3& D, Vec3& hitPoint,
                    int32_t& hitFace) const;
