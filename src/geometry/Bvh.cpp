@@ -1,9 +1,9 @@
 // The BVH of Bvh.h: build (binned SAH, collapse to eight-wide nodes, normal cones,
-// leaf packing) and the nearest-hit query, compiled twice: for AVX2, chosen at run time where the
-// processor has it, and for the baseline (SSE2). Both forms run the same source;
-// the group test is written with generic vectors of four doubles, which the
-// baseline form splits into pairs. Compiled with -ffp-contract=off: no multiply
-// and add may be fused, so every lane rounds as intersectPolygon does.
+// leaf packing) and the nearest-hit query, compiled twice: for AVX2, chosen at run
+// time where the processor has it, and for the baseline (SSE2). Both forms run the
+// same source; the group test is written with generic vectors of four doubles,
+// which the baseline form splits into pairs. Compiled with -ffp-contract=off: no
+// multiply and add may be fused, so every lane rounds as intersectPolygon does.
 #include "geometry/Bvh.h"
 
 #include "Compiler.h"
@@ -150,8 +150,8 @@ bool flatFace(const FaceSet& faces, int32_t f) {
 // that every face's area vector lies within theta of q. The query holds the ray's
 // unit direction u as integers d = trunc(64 u) and culls the child when the exact
 // integer q.d reaches the bound T = 128 T8, T8 a byte, with
-//   T >= 64 |q| sin(theta + coneMargin) + |q|_1.
-// Since |d - 64 u| < 1 per component (d truncates), q.d >= T gives u.q / |q| >=
+//   T >= 64 |q| sin(theta + coneMargin) + coneRayError |q|_1.
+// Since |d - 64 u| < coneRayError per component, q.d >= T gives u.q / |q| >=
 // sin(theta + coneMargin): the angle between D and q is at most
 // pi/2 - theta - coneMargin, so D makes an angle of at most pi/2 - coneMargin with
 // every area vector and dot(D, n) >= |D| |n| sin(coneMargin), which no double
@@ -719,19 +719,20 @@ bool Bvh::insideNodeBox(int32_t face, const Vec3& p, double slack) const {
     return true;
 }
 
-// The query, inlined into one form per instruction set. Children are visited
-// nearest first; a subtree whose box starts beyond the best hit so far is skipped.
-// The box test runs in float on the ray relative to the base; a zero direction
-// component is replaced by a tiny one of the same sign, which moves the ray by far
-// less than the boxes' padding over the scene and keeps 0 * infinity out.
-// On each axis the plane the ray enters by is the lower one where the inverse
-// direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
-// so these are exactly the smaller and the larger of the two plane parameters,
-// and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
 // One ray's walk, resumable one step (a node or a leaf) at a time, so that a
 // caller can interleave the walks of several rays: while one waits for a node to
 // arrive from memory, the others compute. Each walk's steps, and with them its
 // answer, are those of the walk alone.
+//
+// Children are visited nearest first; a subtree whose box starts beyond the best
+// hit so far is skipped. The box test runs in float on the ray relative to the
+// base; a zero direction component is replaced by a tiny one of the same sign,
+// which moves the ray by far less than the boxes' padding over the scene and keeps
+// 0 * infinity out. On each axis the plane the ray enters by is the lower one where
+// the inverse direction is positive, the upper one otherwise: (x - o) * inv is
+// monotone in x, so these are exactly the smaller and the larger of the two plane
+// parameters, and an empty slot's inverted box (+inf, -inf) enters at +inf and
+// leaves at -inf.
 struct BvhWalk {
     struct Entry {
         int32_t code;
@@ -933,15 +934,7 @@ template <bool Wide>
     return true;
 }
 
-// The query, inlined into one form per instruction set. Children are visited
-// nearest first; a subtree whose box starts beyond the best hit so far is skipped.
-// The box test runs in float on the ray relative to the base; a zero direction
-// component is replaced by a tiny one of the same sign, which moves the ray by far
-// less than the boxes' padding over the scene and keeps 0 * infinity out.
-// On each axis the plane the ray enters by is the lower one where the inverse
-// direction is positive, the upper one otherwise: (x - o) * inv is monotone in x,
-// so these are exactly the smaller and the larger of the two plane parameters,
-// and an empty slot's inverted box (+inf, -inf) enters at +inf and leaves at -inf.
+// The query for one ray, inlined into one form per instruction set.
 template <bool Wide>
 [[gnu::always_inline]] inline NearestHit nearestIn(const Bvh& bvh, const Vec3& O, const Vec3& D,
                                                    double tmax) {
@@ -953,8 +946,8 @@ template <bool Wide>
 }
 
 // Two rays' walks interleaved step by step: each step's loads are under way while
-// the other walk computes. (Three or four walks gained less: the ray state no
-// longer fits the registers.)
+// the other walk computes. (Three or four walks were slower at 10^4 faces: their
+// state no longer fits the registers.)
 template <bool Wide>
 [[gnu::always_inline]] inline void nearestPairIn(const Bvh& bvh, const Vec3* O, const Vec3* D,
                                                  double tmax, NearestHit* hits) {
