@@ -178,10 +178,11 @@ struct Cone {
 };
 
 // v / |v| without underflow or overflow in |v|; false for a zero vector.
+// (Dividing by m, not multiplying by 1 / m, which overflows for subnormal m.)
 bool unitOf(const Vec3& v, Vec3& unit) {
     const double m = std::max({std::abs(v.v[0]), std::abs(v.v[1]), std::abs(v.v[2])});
     if (!(m > 0) || !std::isfinite(m)) return false;
-    const Vec3 scaled = v * (1.0 / m);
+    const Vec3 scaled(v.v[0] / m, v.v[1] / m, v.v[2] / m);
     unit = scaled * (1.0 / norm(scaled));
     return true;
 }
@@ -581,6 +582,11 @@ Bvh::Bvh(const FaceSet& faces, const Vec3& base, double extent) : faces_(&faces)
         const Cone* kids[2] = {&cones[static_cast<size_t>(bn.child[0])],
                                &cones[static_cast<size_t>(bn.child[1])]};
         if (kids[0]->empty && kids[1]->empty) continue;
+        if (kids[0]->never || kids[1]->never) {  // a child's faces may face any way
+            cones[b].empty = false;
+            cones[b].never = true;
+            continue;
+        }
         for (int side = 0; side < 2; ++side) {
             const BuildNode& c = bnodes[static_cast<size_t>(bn.child[side])];
             if (!kids[side]->empty)

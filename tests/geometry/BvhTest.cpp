@@ -123,6 +123,56 @@ INSTANTIATE_TEST_SUITE_P(Meshes, BvhTracer,
                                            TracerCase{meshes::Kind::Triangles, 1e3},
                                            TracerCase{meshes::Kind::Quads, 1e6}));
 
+// Normal cones: a stack of square plates, double-sided ones (each triangle also
+// with its nodes reversed, so that the area vectors cancel exactly) between
+// one-sided ones facing up, so that subtrees whose faces face every way sit beside
+// subtrees facing one way. Rays in every direction from between them.
+TEST(BvhCones, SkipOnlyFacesThatFaceAway) {
+    meshes::Mesh mesh(meshes::Kind::Triangles);
+    constexpr int levels = 200;
+    for (int level = 0; level < levels; ++level) {
+        const double z = level;
+        const int32_t a = mesh.addNode(Vec3(0, 0, z)), b = mesh.addNode(Vec3(1, 0, z)),
+                      c = mesh.addNode(Vec3(1, 1, z)), d = mesh.addNode(Vec3(0, 1, z));
+        mesh.addFace({a, b, c});  // facing up
+        mesh.addFace({a, c, d});
+        if (level % 2 == 0) {  // and down
+            mesh.addFace({a, c, b});
+            mesh.addFace({a, d, c});
+        }
+    }
+    computeFaceGeometry(mesh.faces);
+    const MeshView view{&mesh.nodes, &mesh.faces};
+    std::streambuf* console = std::cout.rdbuf(nullptr);
+    const TraversalTree tree(BspNode(3, &view, true));
+    std::cout.rdbuf(console);
+    const RayTracer tracer(tree, mesh.faces, TraceEngine::Bvh);
+    ASSERT_NE(tracer.bvh(), nullptr);
+
+    meshes::Rng rng(7);
+    int hits = 0;
+    for (int k = 0; k < 20000; ++k) {
+        const Vec3 O[2] = {Vec3(meshes::uniform(rng, 0.05, 0.95), meshes::uniform(rng, 0.05, 0.95),
+                                meshes::uniform(rng, 0.1, levels - 1.1)),
+                           O[0]};
+        const Vec3 D[2] = {meshes::randomUnit(rng, false), meshes::randomUnit(rng, false)};
+        Vec3 actual[2];
+        int32_t actualFace[2] = {-1, -1};
+        bool hit[2] = {false, false};
+        tracer.tracePair(O, D, actual, actualFace, hit);
+        for (int r = 0; r < 2; ++r) {
+            Vec3 expected;
+            int32_t expectedFace = -1;
+            ASSERT_EQ(hit[r], tree.trace(O[r], D[r], expected, expectedFace)) << k;
+            if (!hit[r]) continue;
+            ++hits;
+            ASSERT_EQ(actualFace[r], expectedFace) << k;
+            ASSERT_EQ(std::memcmp(actual[r].v, expected.v, sizeof expected.v), 0) << k;
+        }
+    }
+    EXPECT_GT(hits, 10000);
+}
+
 // Groups of neighbouring mesh faces and rays aimed at a point or a node of the
 // first; each lane against intersectPolygon, also with the limit set to exactly a
 // lane's t (accepted there).
