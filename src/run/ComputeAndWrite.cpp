@@ -242,19 +242,26 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
         }
     };
 
-    // The columns of one face's rays. Without mirror or periodic faces every ray is
-    // one straight piece and the face it meets gives its column; the columns are
-    // then looked up after all the face's rays, so that the cache misses of a large
-    // model overlap instead of stalling every ray.
+    // The columns of one face's rays, traced two directions at a time (the BVH
+    // overlaps the two walks). Without mirror or periodic faces every ray is one
+    // straight piece and the face it meets gives its column; the columns are then
+    // looked up after all the face's rays, so that the cache misses of a large model
+    // overlap instead of stalling every ray. Otherwise each ray goes on from its
+    // first piece one piece at a time.
     const bool straightRays = std::find(rayEnds.begin(), rayEnds.end(), rayGoesOn) == rayEnds.end();
     const auto traceFace = [&](const FaceFrame& f, int32_t* columns, RotationCache& rotation) {
-        if (!straightRays) {
-            for (int k = 0; k < rays; ++k)
-                columns[k] = followRay(f.origin, rayDirection(f, hemisphere, k), faces, zones,
-                                       nearestHit, rotation, rayEnds.data());
-            return;
-        }
-        // Two directions at a time: the BVH overlaps the two walks.
+        const auto column = [&](const Vec3& D, bool hit, const Vec3& hitPoint, int32_t hitFace) {
+            if (straightRays) return hit ? hitFace : noColumn;
+            bool first = true;  // the first piece is answered already
+            const auto piece = [&](const Vec3& o, const Vec3& d, Vec3& p, int32_t& face) {
+                if (!first) return nearestHit(o, d, p, face);
+                first = false;
+                p = hitPoint;
+                face = hitFace;
+                return hit;
+            };
+            return followRay(f.origin, D, faces, zones, piece, rotation, rayEnds.data());
+        };
         int k = 0;
         for (; k + 1 < rays; k += 2) {
             const Vec3 O[2] = {f.origin, f.origin};
@@ -268,17 +275,19 @@ bool computeAndWrite(Model& model, const RunOptions& run, RowSink& sink, RayShar
                 for (int r = 0; r < 2; ++r)
                     hit[r] = nearestHit(O[r], D[r], hitPoint[r], hitFace[r]);
             }
-            for (int r = 0; r < 2; ++r) columns[k + r] = hit[r] ? hitFace[r] : noColumn;
+            for (int r = 0; r < 2; ++r)
+                columns[k + r] = column(D[r], hit[r], hitPoint[r], hitFace[r]);
         }
         for (; k < rays; ++k) {
+            const Vec3 D = rayDirection(f, hemisphere, k);
             Vec3 hitPoint;
             int32_t hitFace = -1;
-            const bool hit =
-                nearestHit(f.origin, rayDirection(f, hemisphere, k), hitPoint, hitFace);
-            columns[k] = hit ? hitFace : noColumn;
+            const bool hit = nearestHit(f.origin, D, hitPoint, hitFace);
+            columns[k] = column(D, hit, hitPoint, hitFace);
         }
-        for (k = 0; k < rays; ++k)
-            if (columns[k] != noColumn) columns[k] = rayEnds[static_cast<size_t>(columns[k])];
+        if (straightRays)
+            for (k = 0; k < rays; ++k)
+                if (columns[k] != noColumn) columns[k] = rayEnds[static_cast<size_t>(columns[k])];
     };
 
     // The next window in sequence order, with its frames. Drawn by one thread, in
